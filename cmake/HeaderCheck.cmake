@@ -1,0 +1,12 @@
+# Each header compiles alone: one translation unit a header, which includes it and nothing else.
+file(GLOB_RECURSE tola_headers RELATIVE ${PROJECT_SOURCE_DIR}/src CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.h)
+set(tola_header_units "")
+foreach(header IN LISTS tola_headers)
+  string(REPLACE "/" "_" unit ${header})
+  set(unit ${PROJECT_BINARY_DIR}/header_check/${unit}.cpp)
+  file(CONFIGURE OUTPUT ${unit} CONTENT "#include \"${header}\"\n#include \"${header}\"\n")
+  list(APPEND tola_header_units ${unit})
+endforeach()
+add_library(header_check OBJECT ${tola_header_units})
+target_include_directories(header_check PRIVATE ${PROJECT_SOURCE_DIR}/src)
+target_link_libraries(header_check PRIVATE boundscheck tola_warnings OpenSSL::Crypto tinyxml2::tinyxml2)
