@@ -22,7 +22,7 @@ typedef int errno_t;
 #define SECUREC_STRING_MAX_LEN 0x7FFFFFFFUL
 
 /// 0, or a non-zero code. `count` above `destMax`, overlap or a null source zero all of `dest`; `destMax` 0 fails
-/// even for `count` 0; a null `dest` touches nothing.
+/// even for `count` 0; a null `dest` touches nothing. A copy onto itself is no overlap here or below.
 errno_t memcpy_s(void* dest, size_t destMax, const void* src, size_t count);
 errno_t memmove_s(void* dest, size_t destMax, const void* src, size_t count);  ///< overlap is allowed
 errno_t memset_s(void* dest, size_t destMax, int c, size_t count);  ///< too long a count fills `destMax` bytes and fails
