@@ -1,0 +1,1 @@
+#include "log/run_log.h"
