@@ -42,6 +42,11 @@ uint32_t KEL_GetCpuTick(uint32_t* high, uint32_t* low);
 /// @retval 1 no base is set, or `base` is null
 [[nodiscard]] uint32_t KEL_CpuTickBaseGet(uint32_t* base);
 
+/// User ticks that passed so far: the sum of what g_pfnUsrAdjustHook (kel_cfg.h) returned. The timer thread
+/// asks the hook each time it wakes, so nothing is counted before the first timer runs.
+/// @retval 1 a null argument
+[[nodiscard]] uint32_t KEL_UserTickGet(uint32_t* high, uint32_t* low);
+
 /// 64-bit arithmetic on halves. Results are stored only on 0.
 /// @retval 1 a null argument; Sub: the result would be negative; Add: it would not fit; Div: division by zero
 [[nodiscard]] uint32_t KEL_64Sub64(uint32_t high, uint32_t low, uint32_t subHigh, uint32_t subLow,
