@@ -1,0 +1,9 @@
+/// The post behind TOLA_MsgPost and TOLA_HighPriMsgPost, for callers that must know who holds the message
+/// now.
+#pragma once
+
+#include "msg/msg_interface_public.h"
+
+/// TOLA_MsgPost, or with `urgent` TOLA_HighPriMsgPost. `*taken` tells whether the buffer left the caller,
+/// which the result alone does not: without an IPC hook, 0 is the result for a message that nobody took.
+[[nodiscard]] uint32_t MsgPost(uint16_t destination, tagMsgBuf* msg, bool urgent, bool* taken);
