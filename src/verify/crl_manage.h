@@ -12,10 +12,17 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "base/owners.h"
+#include "cms/verify_ctx.h"
 #include "verify/signature.h"
 
 inline constexpr uint32_t kCrlErrArgument = 0x88100001;  ///< no list path, or a missing argument
 inline constexpr uint32_t kCrlErrRoot = 0x88100002;      ///< no root of the CA type, or no stored name
+
+inline constexpr size_t kStoredCrlPathMax = 256;  ///< longest path of a stored list
+
+using VerifyCtxPtr = base::UniqueC<SigvfyCtx, SigvfyVrfCtxFree>;
+using VerifyCrlPtr = base::UniqueC<SigvfyCrl, SigvfyFreeCrl>;
 
 /// Which of the two lists of a comparison loaded and authenticated.
 struct CRL_COMPARE_STATE_S {
@@ -38,6 +45,13 @@ struct CRL_COMPARE_STATE_S {
 /// @retval 0 @retval 17673 longer than `max` characters or no room in `size`
 [[nodiscard]] uint32_t GetSignatureCrlFileName(uint32_t caType, char* buffer, size_t size, size_t max);
 
+/// Loads the request's list and authenticates it by the root of its CA type and the extra certificate. Its
+/// time is not looked at. `context` and `crl` are set on 0 and empty otherwise.
+/// @retval 0 @retval 0x88100001 no list path @retval 0x88100002 no root of the CA type @retval other the
+/// engine's
+[[nodiscard]] uint32_t GetValidCrlInfo(const SIGNATURE_VERIFY_REQ_S& request, VerifyCtxPtr& context,
+                                       VerifyCrlPtr& crl);
+
 /// Loads the request's list and the one at `storedPath` (without the extra certificate) and compares them by
 /// date and number: `newer` is 1 when the request's is newer.
 /// @retval 0 @retval 0x88100001 missing argument @retval other of the loading or the comparison
@@ -50,7 +64,8 @@ struct CRL_COMPARE_STATE_S {
 /// copy's
 [[nodiscard]] uint32_t CompareAndUpdateCrlFile(const SIGNATURE_VERIFY_REQ_S& request);
 
-/// True when the request's list loads and is signed by the root of its CA type or the extra certificate.
+/// True when the request's list loads and is signed by the root of its CA type. Kept: one that only the extra
+/// certificate vouches for is none, since a stored list is loaded without it.
 [[nodiscard]] bool CheckCrlFileValid(const SIGNATURE_VERIFY_REQ_S& request);
 
 /// @retval 0 @retval 50997

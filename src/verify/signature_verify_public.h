@@ -11,18 +11,18 @@
 [[nodiscard]] uint32_t TolaChangeU8toAscChar(const uint8_t* bytes, size_t count, char* text, size_t textSize);
 
 inline constexpr uint32_t kKeyFound = 0;
-inline constexpr uint32_t kKeyMissing = 1;  ///< no further line holds the key, or reading failed
-inline constexpr uint32_t kKeyNoFit =
-    2;  ///< the next line with the key has a value that does not fit; counts as missing
+inline constexpr uint32_t kKeyMissing = 1;  ///< no further line holds the key
+inline constexpr uint32_t kKeyUnusable =
+    2;  ///< the next line with the key has no value that fits, or reading failed
 
 /// Looks from the current position for the next line that holds `key` anywhere and copies what follows it, up
 /// to CR, LF or the end, into `value` (`valueSize` with terminator). On kKeyFound the position is after that
-/// line; otherwise `value` is empty and the position is where it was. A line has at most 159 characters: in a
-/// longer one no value fits, and a value with a zero byte fits nowhere.
+/// line; otherwise `value` is empty, the position is where it was, and the key counts as missing. A line has
+/// at most 159 characters: in a longer one no value fits, and a value with a zero byte fits nowhere.
 [[nodiscard]] uint32_t GetKeyValueFromFile(FILE* file, const char* key, char* value, size_t valueSize);
 
 /// "FileNum=" of the list at its current position: the low 8 bits of the decimal count.
-/// @retval 0 @retval 50989 missing, or no decimal number
+/// @retval 0 @retval 50989 missing, or not a decimal number
 [[nodiscard]] uint32_t GetFileNumFromList(FILE* fileList, uint32_t& count);
 
 /// Opens a file list for reading: a regular file only, never waiting; null on failure.
