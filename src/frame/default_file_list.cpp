@@ -1,0 +1,55 @@
+#include "frame/default_file_list.h"
+
+namespace {
+
+constexpr DefaultFileRow kRows[] = {
+    {"cfg.syslog-ng", "/home/syslog-ng/etc/syslog-ng.conf"},
+    {"log.fault", "/mnt/log/fault_manager_except_sys_info.tola"},
+    {"log.fault", "/mnt/log/fault_manager_except_sys_info_back.tola"},
+    {"log.fault", "/log/root_log/fault_manager_except_sys_info_update_active.tola"},
+    {"log.fault", "/log/root_log/update_active_mem_damage_fault.tola"},
+    {"log.fault", "/log/root_log/update_active_memleak_info.tola"},
+    {"log.update", "/mnt/log/update/config.kp"},
+    {"log.update", "/mnt/log/update/configback.kp"},
+    {"cfg.equip", "/home/equip/equip_info.tola"},
+    {"cfg.equip_back", "/home/equip_back/equip_info.tola"},
+    {"cfg.sys_cfg", "/home/sys_cfg/system_private_info.tola"},
+    {"cfg.sys_cfg", "/home/sys_cfg/ha_init_info.tola"},
+    {"cfg.sys_cfg", "/home/sys_cfg/ha_ip_enable.tola"},
+    {"cfg.sig_meta_data", "/home/sig_meta_data/sig_meta_data.tola"},
+    {"log.run", "/mnt/sub_bin/sys_log/run_log.log"},
+    {"log.run", "/mnt/sub_bin/sys_log/run_log_back.log"},
+    {"log.run", "/mnt/sub_bin/sys_log/run_log_full_record.tola"},
+    {"data.operate_log", "/mnt/data/operate_log.tola"},
+    {"cfg.user_mgr", "/home/user_mgr/user_info.tola"},
+    {"cfg.web", "/home/web/web_cfg.tola"},
+    {"cfg.bin", "/home/sys_cfg/bin%d_plugin_cfg_info.tola"},
+    {"cfg.challenge", "/home/sys_cfg/challenge_auth_"},
+    {"mnt.keeper_config", "/mnt/config/keeper_config.tola"},
+    {"data.alarm", "/mnt/data/alarm.tola"},
+    {"data.performance", "/mnt/data/performance.tola"},
+    {"data.elable", "/mnt/data/elable.tola"},
+    {"cfg.ntp_server", "/home/sys_cfg/ntp_server.tola"},
+    {"cfg.uart_port", "/home/sys_cfg/uart_port.tola"},
+    {"cfg.tcpmb_port", "/home/sys_cfg/tcpmb_port.tola"},
+    {"cfg.can_port", "/home/sys_cfg/can_port.tola"},
+    {"cfg.snmp", "/home/sys_cfg/snmp.tola"},
+    {"cfg.wifi", "/home/sys_cfg/wifi.tola"},
+    {"log.comm", "/mnt/log/comm.log"},
+    {"cfg.mini_recover_system", "/home/sys_cfg/mini_recover_system.tola"},
+    {"cfg.security_configuration", "/home/sys_cfg/security_configuration.tola"},
+    {"cfg.config", "/home/sys_cfg/signature.crl"},
+    {"cfg.config", "/home/sys_cfg/inside_signature.crl"},
+    {"cfg.event_notify", "/home/sys_cfg/event_notify.tola"},
+    {"log.bin", "/mnt/log/bin.log"},
+    {"load_bin0.config", "/mnt/app_bin0/bin_arm/bspversioninfo.tola"},
+    {"load_bin1.config", "/mnt/app_bin1/bin_arm/bspversioninfo.tola"},
+    {"log.hisec", "/mnt/log/hisec.log"},
+    {"cfg.product_brand", "/home/sys_cfg/product_brand.tola"},
+    {"cfg.mqtt", "/home/sys_cfg/mqtt.tola"},
+    {"cfg.route_manager", "/home/sys_cfg/route_manager.tola"},
+};
+
+}  // namespace
+
+const std::span<const DefaultFileRow> g_defaultFileList(kRows);

@@ -1,0 +1,120 @@
+#include "board_link/board_link.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "comp/msg_codec.h"
+
+namespace board_link {
+namespace {
+
+constexpr uint32_t kMagic = 0x4B4E4C42;  // "BLNK"
+constexpr uint8_t kVersion = 1;
+constexpr uint32_t kRequestHead = 8;
+constexpr uint32_t kAnswerSize = 8;
+constexpr int kBacklog = 8;
+
+bool MakeAddress(const char* path, sockaddr_un& address) {
+  address = {};
+  address.sun_family = AF_UNIX;
+  const size_t length = strlen(path);
+  if (length >= sizeof(address.sun_path)) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  memcpy(address.sun_path, path, length);
+  return true;
+}
+
+base::UniqueFd NewSocket() {
+  return base::UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+}
+
+}  // namespace
+
+std::vector<unsigned char> EncodeRequest(const Request& request) {
+  const uint32_t length = request.record.GetMsgLength();
+  std::vector<unsigned char> packet(kRequestHead + length);
+  unsigned char* cursor = packet.data();
+  auto remaining = static_cast<unsigned>(packet.size());
+  const bool fits = SetHostU32_s(kMagic, cursor, remaining) == 0 &&
+                    SetMsgU8_s(kVersion, cursor, remaining) == 0 &&
+                    SetMsgU8_s(request.needAuth ? 1 : 0, cursor, remaining) == 0 &&
+                    SetHostU16_s(request.cpuLimit, cursor, remaining) == 0 &&
+                    request.record.SerializeToMsg(cursor, remaining) == 0;
+  if (!fits) packet.clear();
+  return packet;
+}
+
+bool DecodeRequest(std::span<const unsigned char> packet, Request& request) {
+  std::vector<unsigned char> copy(packet.begin(), packet.end());
+  unsigned char* cursor = copy.data();
+  auto remaining = static_cast<unsigned>(copy.size());
+  uint32_t magic = 0;
+  uint8_t version = 0;
+  uint8_t needAuth = 0;
+  if (GetHostU32_s(cursor, remaining, magic) != 0 || magic != kMagic) return false;
+  if (GetMsgU8_s(cursor, remaining, version) != 0 || version != kVersion) return false;
+  if (GetMsgU8_s(cursor, remaining, needAuth) != 0) return false;
+  if (GetHostU16_s(cursor, remaining, request.cpuLimit) != 0) return false;
+  request.needAuth = needAuth != 0;
+  return request.record.ParseFromMsg(cursor, remaining, true) == 0;
+}
+
+std::vector<unsigned char> EncodeAnswer(uint32_t result) {
+  std::vector<unsigned char> packet(kAnswerSize);
+  unsigned char* cursor = packet.data();
+  SetHostU32(kMagic, cursor);
+  SetHostU32(result, cursor);
+  return packet;
+}
+
+bool DecodeAnswer(std::span<const unsigned char> packet, uint32_t& result) {
+  if (packet.size() != kAnswerSize) return false;
+  std::vector<unsigned char> copy(packet.begin(), packet.end());
+  unsigned char* cursor = copy.data();
+  uint32_t magic = 0;
+  GetHostU32(cursor, magic);
+  GetHostU32(cursor, result);
+  return magic == kMagic;
+}
+
+base::UniqueFd Connect(const char* path) {
+  sockaddr_un address;
+  base::UniqueFd fd = NewSocket();
+  if (!fd || !MakeAddress(path, address)) return base::UniqueFd();
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
+    return base::UniqueFd();
+  return fd;
+}
+
+base::UniqueFd Listen(const char* path) {
+  sockaddr_un address;
+  base::UniqueFd fd = NewSocket();
+  if (!fd || !MakeAddress(path, address)) return base::UniqueFd();
+  if (Connect(path)) {
+    errno = EADDRINUSE;
+    return base::UniqueFd();
+  }
+  if (errno == ECONNREFUSED) (void)unlink(path);  // a socket that outlived its process
+  const mode_t mask = umask(0177);
+  const int bound = bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  const int error = errno;
+  (void)umask(mask);
+  errno = error;
+  if (bound != 0 || listen(fd.get(), kBacklog) != 0) return base::UniqueFd();
+  return fd;
+}
+
+bool PeerIsTrusted(int socket) {
+  ucred peer = {};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
+  return peer.uid == 0 || peer.uid == geteuid();
+}
+
+}  // namespace board_link

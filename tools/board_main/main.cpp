@@ -1,0 +1,74 @@
+/// `board_main` stands in for the platform's main process on a development board: it hosts the component that
+/// asks for updates. Usage: board_main [--config FILE] [--socket PATH]
+
+#include <stdio.h>
+#include <string.h>
+
+#include <exception>
+#include <string>
+
+#include "board_link/board_link.h"
+#include "frame/public_file_cfg.h"
+#include "log/run_log.h"
+#include "request_server.h"
+#include "requester_comp.h"
+#include "velto/kel_cfg.h"
+
+namespace {
+
+constexpr char kPathCfg[] = "/app_run/app_bin/app_config/tola.cfg";
+constexpr uint32_t kLogFileSize = 102400;
+
+struct Options {
+  const char* config = "/mnt/config/feature.cfg";
+  const char* socket = board_link::kSocketPath;
+};
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; i += 2) {
+    if (i + 1 < argc && strcmp(argv[i], "--config") == 0) {
+      options.config = argv[i + 1];
+    } else if (i + 1 < argc && strcmp(argv[i], "--socket") == 0) {
+      options.socket = argv[i + 1];
+    } else {
+      return false;
+    }
+  }
+  return true;
+}
+
+uint32_t StartLog() {
+  LogSetPathLookup(TOLA_GetFileFullName);
+  const std::string name =
+      std::string(TOLA_GetPathName("/mnt/sub_bin/sys_log/", "log.run")) + "board_main_run_log";
+  uint32_t result = TOLA_SetRunLogFileName(name.c_str());
+  if (result == 0) result = TOLA_PrintInitForArm9(kLogFileSize, nullptr);
+  return result != 0 ? result : TOLA_LogControl(0, 4, 3);
+}
+
+/// One step of start-up; its failure is said and ends the process.
+bool Step(const char* name, uint32_t result) {
+  if (result != 0) (void)fprintf(stderr, "board_main: %s failed with %#x\n", name, result);
+  return result == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    Options options;
+    if (!ParseOptions(argc, argv, options)) {
+      (void)fprintf(stderr, "usage: board_main [--config FILE] [--socket PATH]\n");
+      return 2;
+    }
+    const bool started = Step("reading the configuration", KEL_CfgdbInitByFsldr(options.config)) &&
+                         Step("starting the runtime", KEL_Start(nullptr)) &&
+                         Step("reading the path configuration", TOLA_Start(kPathCfg, nullptr)) &&
+                         Step("starting the run log", StartLog()) &&
+                         Step("starting the requesting component", StartRequesterComp());
+    return started ? ServeRequests(options.socket) : 1;
+  } catch (const std::exception& error) {
+    (void)fprintf(stderr, "board_main: %s\n", error.what());
+    return 1;
+  }
+}
