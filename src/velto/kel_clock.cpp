@@ -136,6 +136,10 @@ constexpr uint64_t kCrowdedSliceNs = 50 * kNsPerMs;
 
 }  // namespace
 
+uint32_t ClockMode() {
+  return View(Read::kMonotonic).mode;
+}
+
 Deadline::Deadline(uint32_t timeoutMs)
     : ns_(timeoutMs == KEL_WAIT_FOREVER ? kNever : KEL_ClockMonotonicNs() + timeoutMs * kNsPerMs) {}
 

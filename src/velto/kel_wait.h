@@ -16,6 +16,9 @@ namespace velto {
 
 inline constexpr uint64_t kNsPerMs = 1'000'000;
 
+/// The mode of the clock, as KEL_ClockModeSet takes it.
+[[nodiscard]] uint32_t ClockMode();
+
 /// The end of a wait, on the runtime's monotonic clock.
 class Deadline {
  public:

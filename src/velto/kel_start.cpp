@@ -1,0 +1,57 @@
+/// Start of the runtime, and how busy the machine is.
+#include <inttypes.h>
+#include <stdio.h>
+
+#include <mutex>
+
+#include "base/owners.h"
+#include "velto/kel_cfg.h"
+#include "velto/kel_task.h"
+
+uint32_t (*g_pfnUsrAdjustHook)(void) = nullptr;
+
+namespace velto {
+namespace {
+
+struct CpuTimes {
+  uint64_t all = 0;
+  uint64_t idle = 0;
+};
+
+std::mutex gCpuLock;
+CpuTimes gCpuBefore;  // guarded by gCpuLock
+
+/// The machine's times since its start, in clock ticks; false when they cannot be read.
+bool ReadCpuTimes(CpuTimes& times) {
+  const base::FilePtr file(fopen("/proc/stat", "re"));
+  uint64_t user = 0, nice = 0, system = 0, idle = 0, wait = 0, hard = 0, soft = 0, steal = 0;
+  if (!file || fscanf(file.get(),
+                      "cpu %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64
+                      " %" SCNu64,
+                      &user, &nice, &system, &idle, &wait, &hard, &soft, &steal) < 4) {
+    return false;
+  }
+  times.idle = idle + wait;
+  times.all = user + nice + system + idle + wait + hard + soft + steal;
+  return true;
+}
+
+}  // namespace
+}  // namespace velto
+
+uint32_t KEL_Start([[maybe_unused]] void* reserved) {
+  uint32_t taskId = 0;
+  return KEL_TaskAdopt("main", &taskId);
+}
+
+uint32_t KEL_CpupUseRateGet(void) {
+  velto::CpuTimes now;
+  if (!velto::ReadCpuTimes(now)) return 0;
+  const std::lock_guard<std::mutex> guard(velto::gCpuLock);
+  const velto::CpuTimes before = velto::gCpuBefore;
+  velto::gCpuBefore = now;
+  if (before.all == 0 || now.all <= before.all) return 0;
+  const uint64_t all = now.all - before.all;
+  const uint64_t idle = now.idle > before.idle ? now.idle - before.idle : 0;  // the wait count may go back
+  return idle < all ? static_cast<uint32_t>((all - idle) * 100 / all) : 0;
+}

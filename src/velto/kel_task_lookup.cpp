@@ -1,0 +1,116 @@
+/// Look-ups of tasks and their events: everything here takes no lock and may run in a signal handler.
+#include <string.h>
+
+#include "velto/kel_task_table.h"
+#include "velto/kel_wait.h"
+
+namespace velto {
+namespace {
+
+bool Runs(uint32_t state) {
+  return TaskPhaseOf(state) == kTaskRunning;
+}
+
+/// Reads a running task's slot by `read`, again while the slot changes. False when no task of this id runs.
+template <class Read>
+bool ReadRunning(uint32_t taskId, const Read& read) {
+  const TaskSlot* slot = TaskSlotOf(taskId);
+  if (slot == nullptr) return false;
+  for (;;) {
+    const uint32_t state = slot->state.load();
+    if (!Runs(state)) return false;
+    read(*slot);
+    if (slot->state.load() == state) return true;
+  }
+}
+
+uint32_t TakeEvents(TaskSlot& slot, uint32_t mask) {
+  if ((slot.events.load() & mask) == 0) return 0;
+  return slot.events.fetch_and(~mask) & mask;
+}
+
+uint32_t AwaitEvents(TaskSlot& slot, uint32_t mask, uint32_t timeoutMs) {
+  const Deadline deadline(timeoutMs);
+  for (;;) {
+    // The bits are looked at after the wish is noted, and set before the note is read: one of the two sees
+    // the other. The writer that takes the note away wakes.
+    slot.waiting.store(mask);
+    const uint32_t taken = TakeEvents(slot, mask);
+    if (taken != 0 || deadline.Passed()) {
+      slot.waiting.store(0);
+      return taken;
+    }
+    WordWait(slot.waiting, mask, deadline);
+  }
+}
+
+}  // namespace
+}  // namespace velto
+
+using velto::ReadRunning;
+using velto::TaskSlot;
+
+uint32_t KEL_EventWrite(uint32_t taskId, uint32_t mask) {
+  TaskSlot* slot = velto::TaskSlotOf(taskId);
+  if (slot == nullptr) return kKelErrTaskId;
+  const uint32_t phase = velto::TaskPhaseOf(slot->state.load());
+  if (phase != velto::kTaskRunning && phase != velto::kTaskStarting) return kKelErrTaskId;
+  slot->events.fetch_or(mask);
+  if ((slot->waiting.load() & mask) != 0 && slot->waiting.exchange(0) != 0) velto::WordWake(slot->waiting, 1);
+  return 0;
+}
+
+uint32_t KEL_EventRead(uint32_t mask, uint32_t* received, uint32_t mode, uint32_t timeoutMs) {
+  if (received == nullptr || mask == 0 || mode != kKelEventAny) return kKelErrTaskPara;
+  *received = 0;
+  TaskSlot* slot = velto::TaskSlotOf(velto::TaskCurrentId());
+  if (slot == nullptr) return kKelErrTaskId;
+  uint32_t taken = velto::TakeEvents(*slot, mask);
+  if (taken == 0 && timeoutMs != 0) taken = velto::AwaitEvents(*slot, mask, timeoutMs);
+  *received = taken;
+  return taken != 0 ? 0 : kKelErrTimeout;
+}
+
+uint32_t KEL_TaskNameGet(uint32_t taskId, char* buffer, uint32_t size) {
+  if (buffer == nullptr || size == 0) return kKelErrTaskPara;
+  uint64_t words[kKelTaskNameSize / sizeof(uint64_t)];
+  const bool found = ReadRunning(taskId, [&words](const TaskSlot& slot) {
+    for (size_t i = 0; i < sizeof(words) / sizeof(words[0]); ++i) words[i] = slot.name[i].load();
+  });
+  if (!found) return kKelErrTaskId;
+  char name[kKelTaskNameSize];
+  memcpy(name, words, sizeof(name));
+  const size_t needed = strnlen(name, sizeof(name) - 1) + 1;
+  if (needed > size) return kKelErrTaskPara;
+  memcpy(buffer, name, needed - 1);
+  buffer[needed - 1] = '\0';
+  return 0;
+}
+
+uint32_t KEL_TaskPriorityGet(uint32_t taskId, uint32_t* priority) {
+  if (priority == nullptr) return kKelErrTaskPara;
+  const bool found = ReadRunning(taskId, [=](const TaskSlot& slot) { *priority = slot.priority.load(); });
+  return found ? 0 : kKelErrTaskId;
+}
+
+uint32_t KEL_TaskThreadIdGet(uint32_t taskId, int32_t* threadId) {
+  if (threadId == nullptr) return kKelErrTaskPara;
+  const bool found = ReadRunning(taskId, [=](const TaskSlot& slot) { *threadId = slot.threadId.load(); });
+  return found ? 0 : kKelErrTaskId;
+}
+
+uint32_t KEL_TaskPthreadGet(uint32_t taskId, pthread_t* thread) {
+  if (thread == nullptr) return kKelErrTaskPara;
+  const bool found = ReadRunning(taskId, [=](const TaskSlot& slot) { *thread = slot.thread.load(); });
+  return found ? 0 : kKelErrTaskId;
+}
+
+uint32_t KEL_TaskIsValid(uint32_t taskId) {
+  return ReadRunning(taskId, [](const TaskSlot&) {}) ? 1 : 0;
+}
+
+uint32_t KEL_TaskMaxIdGet(void) {
+  uint32_t id = kKelTaskMax;
+  while (id > 0 && KEL_TaskIsValid(id) == 0) --id;
+  return id;
+}
