@@ -7,3 +7,6 @@
 /// TOLA_MsgPost, or with `urgent` TOLA_HighPriMsgPost. `*taken` tells whether the buffer left the caller,
 /// which the result alone does not: without an IPC hook, 0 is the result for a message that nobody took.
 [[nodiscard]] uint32_t MsgPost(uint16_t destination, tagMsgBuf* msg, bool urgent, bool* taken);
+
+/// Makes the handle that message buffers are counted under. @retval 1 the runtime has none left
+[[nodiscard]] uint32_t MsgMemInit(uint32_t* handle);
