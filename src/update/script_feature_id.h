@@ -7,7 +7,7 @@
 /// Looks from `offset` on for a line with `key` anywhere in it. On success `value` is the text after the key,
 /// at most 127 characters of it, and `offset` stands behind that line. Lines are read in pieces of 127
 /// characters. @retval 0 found @retval 1 not found, or the value does not fit `valueSize`
-[[nodiscard]] uint32_t GetKeyValue(FILE* file, long& offset, const char* key, char* value,
+[[nodiscard]] uint32_t GetKeyValue(FILE* file, int64_t& offset, const char* key, char* value,
                                    uint32_t valueSize);
 
 /// `featureId` is 0 when the file declares none; decimal, 0x and leading-zero octal are read.
