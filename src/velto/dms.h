@@ -19,7 +19,7 @@ inline constexpr uint32_t kDmsErrPara = 0x0501;    ///< null or wrong argument
 inline constexpr uint32_t kDmsErrNoAddr = 0x0502;  ///< no address is known for the destination
 inline constexpr uint32_t kDmsErrNoPeer = 0x0503;  ///< the destination's process does not listen
 inline constexpr uint32_t kDmsErrRefused =
-    0x0504;  ///< the peer has no such enabled component, or its queue is full
+    0x0504;  ///< no such component at the destination; at a peer also: not enabled, or its queue is full
 inline constexpr uint32_t kDmsErrQueueFull = 0x0505;  ///< the local destination's queue is full
 inline constexpr uint32_t kDmsErrTooLong =
     0x0506;  ///< longer than dms.message_bytes allows between processes
@@ -27,15 +27,17 @@ inline constexpr uint32_t kDmsErrFarHost = 0x0507;  ///< destination on another 
 inline constexpr uint32_t kDmsErrLink = 0x0508;  ///< the link broke or did not answer in time (dms.answer_ms)
 inline constexpr uint32_t kDmsErrPeerUser =
     0x0509;  ///< the peer runs as a user who is not allowed (dms.peer_user)
-inline constexpr uint32_t kDmsErrFull = 0x050A;    ///< an address table is full
-inline constexpr uint32_t kDmsErrSocket = 0x050B;  ///< the process's own socket could not be bound
+inline constexpr uint32_t kDmsErrFull = 0x050A;  ///< an address table is full
+inline constexpr uint32_t kDmsErrSocket =
+    0x050B;  ///< the process's own socket could not be bound, or dms.dir is unsafe; standard error says why
 
 inline constexpr uint32_t kDmsReservedHeadSize = 16;
 
 /// A message of `length` zeroed data bytes from component `sendCid`; null when memory is used up. The caller
 /// owns it.
 [[nodiscard]] void* DMS_MsgAlloc(uint32_t sendCid, uint32_t length);
-/// The same under flow control: null too while the sender has `limit` messages under way that nobody freed.
+/// The same under flow control: null too while the sender has `limit` messages of either kind under way in
+/// this process that nobody freed.
 [[nodiscard]] void* DMS_MsgFlowCtrlAlloc(uint32_t sendCid, uint32_t limit, uint32_t length);
 /// `cid` is who frees; any owner may. @retval kDmsErrPara `message` is null or no message
 [[nodiscard]] uint32_t DMS_MsgFree(uint32_t cid, void* message);
@@ -50,11 +52,12 @@ uint32_t DMS_MsgLenGet(const void* message);
 void* DMS_MsgReserveHeadGet(void* message);  ///< 16 bytes that travel with the message; null for null
 
 /// Hands the message to the component `cpi`. The message is consumed in every case, also on failure.
-/// The source travels as given at allocation.
+/// The source travels as given at allocation. A send to another process returns when that process has
+/// answered; on kDmsErrLink alone it is not known whether the message was delivered.
 [[nodiscard]] uint32_t DMS_MsgSend(uint32_t cpi, void* message);
 
 /// This process's own address; `ip` is dotted IPv4 text. Both may be set again until the first instance is
-/// enabled.
+/// enabled, then another value is kDmsErrPara.
 [[nodiscard]] uint32_t KEL_SysProcIdSet(uint32_t processId);
 [[nodiscard]] uint32_t DMS_MeshCamProcAddrItemAdd(const char* ip, uint32_t processId);
 

@@ -57,16 +57,21 @@ typedef struct {
 [[nodiscard]] uint32_t RTF_CompTypeRegister(uint32_t typeId, const RtfCompTypeInfo* info);
 [[nodiscard]] uint32_t RTF_CompTypeDelete(uint32_t typeId);
 
-/// Runs one creation stage (0, 1, 2) of an instance and the type's constructor with it.
+/// Runs one creation stage (0, 1, 2) of an instance and the type's constructor with it. The instance id has
+/// 28 bits, and the CPI is made of it.
 [[nodiscard]] uint32_t RTF_CompInstCreate(uint32_t stage, uint32_t typeId, const RtfCompInst* inst);
 
 /// `enable` 1 starts delivery: the first enabled instance binds the process's socket (dms.h), so no message
-/// is taken before somebody handles it. 0 stops it; messages wait.
+/// is taken before somebody handles it; a process without an address of its own has no socket. 0 stops it:
+/// messages of this process wait, those of others are refused.
+/// @retval kDmsErrSocket the socket could not be bound; one line on standard error says why
 [[nodiscard]] uint32_t RTF_CompInstSchEnable(uint32_t cpi, uint32_t enable);
 
-/// Ends the instance's task after the message in hand, frees what waits, calls the destructor.
+/// Ends the instance's task after the message in hand, frees what waits, calls the destructor. All that has
+/// happened on return, unless the instance's own entry calls: then it happens when that entry returns.
 [[nodiscard]] uint32_t RTF_CompInstDestroy(uint32_t cpi);
 
+/// Bounds stream `streamId` to `msgNum` messages, as below; the other words have no meaning here.
 [[nodiscard]] uint32_t RTF_ScmCompAllMsgStmAttribSet(uint32_t cpi, const RtfMsgStreamAttrib* attrib);
 
 /// How many messages may wait for the instance in stream `stream` (0 normal, 1 priority); `mode` is 0.
