@@ -48,6 +48,15 @@ bool IsAllowedPeer(int connection) {
          IsAllowedUser(peer.uid);
 }
 
+// Lets the other user in where root made `file` of `dir` ("": the directory itself); root needs no right to
+// it. Where that user is not mapped he cannot be a peer either, so a refusal is no failure.
+void HandToPeerUser(int dir, const char* file) {
+  const uid_t user = PeerUser();
+  if (geteuid() != 0 || user == kNoUser) return;
+  const int given = fchownat(dir, file, user, static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
+  (void)given;
+}
+
 uint32_t Complain(const char* path, const char* reason) {
   (void)fprintf(stderr, "component socket: %s: %s\n", path, reason);
   return kDmsErrSocket;
@@ -58,10 +67,7 @@ uint32_t OpenDir(bool make, char (&path)[kCfgTextSize], base::UniqueFd& dir) {
   const bool made = make && mkdir(path, 0700) == 0;
   dir.reset(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!dir) return errno == ENOENT && !make ? kDmsErrNoPeer : Complain(path, strerrordesc_np(errno));
-  if (made && geteuid() == 0 && PeerUser() != kNoUser) {
-    (void)fchown(dir.get(), PeerUser(),
-                 static_cast<gid_t>(-1));  // a user who is not mapped here is no peer either
-  }
+  if (made) HandToPeerUser(dir.get(), "");
   struct stat status {};
   if (fstat(dir.get(), &status) != 0) return Complain(path, strerrordesc_np(errno));
   if (!IsAllowedUser(status.st_uid))
@@ -134,10 +140,7 @@ uint32_t SocketBind(const ProcAddr& own, base::UniqueFd& listener) {
       bind(made.get(), name.Sockaddr(), sizeof(name.address)) != 0 || listen(made.get(), kBacklog) != 0) {
     return Complain(name.file, strerrordesc_np(errno));
   }
-  if (geteuid() == 0 && PeerUser() != kNoUser) {
-    // As above: root itself needs no right to the file.
-    (void)fchownat(dir.get(), name.file, PeerUser(), static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW);
-  }
+  HandToPeerUser(dir.get(), name.file);
   listener = std::move(made);
   return 0;
 }
