@@ -10,8 +10,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <atomic>
-
 #include "velto/rtf.h"
 
 inline constexpr uint32_t kCompTypeMax = 128;  ///< type records of a set
@@ -155,7 +153,7 @@ uint32_t MakeCompCpi(uint32_t csi);
 /// Where the component layer's lines go (arguments as TOLA_LogPrint); nothing is logged while it is null.
 typedef void (*TolaCompLogFunc)(uint16_t moduleId, uint32_t level, const char* file, uint32_t line,
                                 const char* fmt, ...) __attribute__((format(printf, 5, 6)));
-extern std::atomic<TolaCompLogFunc> g_compLog;
+extern TolaCompLogFunc g_compLog;
 void TolaCompRegLogFuc(TolaCompLogFunc log);
 
 /// Is told of each local component that becomes known, so that other processes can be; null for none. Filled

@@ -34,7 +34,7 @@ void TolaCompMsgSetSeqNo(void* msg, uint16_t seqNo);
 uint16_t TolaCompMsgGetSeqNo(const void* msg);  ///< 0 when it cannot be read
 
 // 0 for null. Ids come without the runtime's address flag (bit 31).
-uint16_t TolaCompGetMsgId(const void* msg);
+uint32_t TolaCompGetMsgId(const void* msg);
 uint32_t TolaCompGetMsgLen(const void* msg);
 uint32_t TolaCompGetSrcId(const void* msg);
 uint32_t TolaCompGetDstId(const void* msg);  ///< 0 before it is sent

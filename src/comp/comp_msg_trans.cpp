@@ -1,0 +1,67 @@
+#include "comp/comp_msg_trans.h"
+
+#include <securec.h>
+
+#include "base/result_codes.h"
+#include "comp/comp_log.h"
+#include "comp/comp_msg.h"
+#include "msg/process_msg_manager.h"
+
+namespace {
+
+constexpr char kSource[] = "comp_msg_trans";
+
+/// Copies data behind a head; nothing to copy is no failure.
+bool CopyData(void* to, const void* from, uint32_t length) {
+  if (length == 0) return true;
+  const errno_t err = memcpy_s(to, length, from, length);
+  if (err != EOK) COMP_LOG(kSource, kCompErr, "mcpy err:%d", err);
+  return err == EOK;
+}
+
+}  // namespace
+
+uint32_t TolaSendMsgToComp(uint16_t destination, tagMsgBuf* msg, bool urgent) {
+  if (msg == nullptr) return kCompErrNull;
+  const uint32_t length = GetTolaMsgLen(msg);
+  void* compMsg = TolaCompMsgAlloc(msg->source, msg->type, length);
+  if (compMsg == nullptr) return kCompErrAlloc;
+  if (urgent) TolaCompMsgPrioSet(compMsg, kTolaMsgPrioHigh);
+  TolaCompMsgSetSeqNo(compMsg, msg->subType);
+  if (!CopyData(compMsg, TolaMsgData(msg), length)) {
+    TolaCompMsgFree(compMsg);
+    return kErrCopy;
+  }
+  const uint32_t ret = TolaCompMsgSend(destination, compMsg);
+  if (ret != 0) return ret & 0xFFFF;
+  TOLA_MsgFree(msg);
+  return kSuccess;
+}
+
+tagMsgBuf* TolaMsgAllocByCompMsg(const void* compMsg) {
+  if (compMsg == nullptr) return nullptr;
+  const uint32_t length = TolaCompGetMsgLen(compMsg);
+  tagMsgBuf* msg =
+      TOLA_MsgAlloc(static_cast<uint16_t>(TolaCompGetSrcId(compMsg)),
+                    static_cast<uint16_t>(TolaCompGetMsgId(compMsg)), TolaCompMsgGetSeqNo(compMsg), length);
+  if (msg == nullptr) return nullptr;
+  msg->destination = static_cast<uint16_t>(TolaCompGetDstId(compMsg));
+  if (!CopyData(TolaMsgData(msg), compMsg, length)) {
+    TOLA_MsgFree(msg);
+    return nullptr;
+  }
+  return msg;
+}
+
+uint32_t SendCompMsgToTola(uint32_t destination, void* compMsg) {
+  const bool high = compMsg != nullptr && GetTolaCompMsgPrio(compMsg) == kTolaMsgPrioHigh;
+  tagMsgBuf* msg = TolaMsgAllocByCompMsg(compMsg);
+  TolaCompMsgFree(compMsg);
+  if (msg == nullptr) return kFailure;
+  const auto module = static_cast<uint16_t>(destination);
+  bool taken = false;
+  uint32_t ret = high ? MsgPost(module, msg, true, &taken) : kFailure;
+  if (ret != 0) ret = MsgPost(module, msg, false, &taken);
+  if (!taken) TOLA_MsgFree(msg);
+  return ret;
+}
