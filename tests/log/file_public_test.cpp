@@ -1,0 +1,360 @@
+// Commands are real children and files are real files: what a child inherits, how it ends, what the log tells
+// of it, and what is left on disk when a service fails half-way.
+#include "log/file_public.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <sched.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+namespace fs = std::filesystem;
+
+constexpr char kCaller[] = "caller.cpp";
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+mode_t ModeOf(const std::string& path) {
+  struct stat state = {};
+  return lstat(path.c_str(), &state) == 0 ? state.st_mode & 07777 : 0;
+}
+
+/// Runs `body` in a process of its own, for what cannot be undone; gives its result, -1 when it crashed.
+int InOwnProcess(const std::function<int()>& body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class CommandTest : public testing::Test {
+ protected:
+  support::TempDir dir_;
+  support::LogCapture log_;
+};
+
+TEST(ParseCmdArgTest, SplitsAtBlanksOutsideQuotes) {
+  std::string many = "x";
+  for (int i = 1; i < 126; ++i) many += " x";
+  const struct {
+    std::string command;
+    uint32_t result;
+    std::vector<std::string> arguments;
+  } rows[] = {
+      {many, 0, std::vector<std::string>(126, "x")},
+      {many + " x", kCmdErrArgCount, {}},
+      {"tar -xf \"a b.tar\"", 0, {"tar", "-xf", "a b.tar"}},
+      {"  a   b ", 0, {"a", "b"}},
+      {"a\"b c\"d", 0, {"a", "b c", "d"}},
+      {"a b\nc", 0, {"a", "b"}},
+      {"   ", 0, {}},
+      {"", kCmdErrText, {}},
+      {"ls; rm x", kCmdErrText, {}},
+      {"a\nb;c", kCmdErrText, {}},
+      {std::string(512, 'x'), 0, {std::string(512, 'x')}},
+      {std::string(513, 'x'), kCmdErrText, {}},
+  };
+  for (const auto& row : rows) {
+    char buffer[kCmdBufferSize];
+    char* arguments[kCmdSlots];
+    ASSERT_EQ(ParseCmdArg(row.command.c_str(), buffer, sizeof(buffer), arguments), row.result) << row.command;
+    if (row.result != 0) continue;
+    std::vector<std::string> got;
+    for (char** at = arguments; *at != nullptr; ++at) got.emplace_back(*at);
+    EXPECT_EQ(got, row.arguments) << row.command;
+  }
+}
+
+TEST_F(CommandTest, CharacterChecksKeepCommandsAndNamesToTheirAlphabets) {
+  const std::map<const char*, uint32_t> byDefault = {{"a-b_c.txt", 0}, {"", 0},   {"a..b", 0}, {"../etc", 1},
+                                                     {"./x", 1},       {"..", 1}, {"a b", 1},  {nullptr, 1}};
+  for (const auto& [text, result] : byDefault)
+    EXPECT_EQ(TOLA_CheckSpecialChar(text, nullptr), result) << text;
+  const std::map<const char*, uint32_t> byExtended = {
+      {"./(\"* *\")", 0}, {"a$b", kCmdErrSpecialChar}, {"a\nb", kCmdErrSpecialChar}, {nullptr, kCmdErrNull}};
+  for (const auto& [text, result] : byExtended)
+    EXPECT_EQ(CheckSpecialCharWithExWhiteList(text), result) << text;
+  EXPECT_EQ(TOLA_CheckSpecialChar("../x", "./x"), 0u) << "a list of the caller's own allows what it lists";
+
+  EXPECT_EQ(CheckCmdSpecialChar("ls"), 0u);
+  EXPECT_EQ(CheckCmdSpecialChar("rm key; ls"), 1u);
+  EXPECT_THAT(log_.Lines(), ElementsAre("exec str:rm key; ls"));
+
+  const std::string mark = dir_.File("mark");
+  EXPECT_EQ(TOLA_SystemCheckSpecialChar(("touch " + mark + ";").c_str()), kCmdErrSpecialChar);
+  EXPECT_EQ(CheckFileExist(mark.c_str()), 1u) << "a refused command ran";
+  EXPECT_EQ(TOLA_SystemCheckSpecialChar(("touch \"" + mark + "\"").c_str()), 0u);
+  EXPECT_EQ(CheckFileExist(mark.c_str()), 0u);
+}
+
+TEST_F(CommandTest, ShellResultIsOneForAnythingButExitCodeZero) {
+  EXPECT_EQ(TOLA_System("[ '%s' = '%''s' ]"), 0u) << "the command was formatted";
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+
+  EXPECT_EQ(TOLA_System("exit 3"), 1u);
+  EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith("SysErr:3,"), "SysErr:exit 3"));
+  log_.Clear();
+  EXPECT_EQ(TOLA_System("kill -9 $$"), 1u) << "a killed command must not count as exit code 0";
+  EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith("SysErr:0,"), "SysErr:kill -9 $$"));
+  log_.Clear();
+  EXPECT_EQ(TOLA_System("exit 3 # openssl -k s3cret"), 1u);
+  EXPECT_THAT(log_.Lines(), ElementsAre(StartsWith("SysErr:3,"))) << "a secret went into the log";
+  log_.Clear();
+  EXPECT_EQ(TOLA_System(" \t"), 1u) << "a yes must mean that something ran";
+  EXPECT_EQ(TOLA_System(nullptr), 1u);
+}
+
+TEST_F(CommandTest, ByUsernameSwitchesUserAndGroupsOfTheChildAlone) {
+  const bool root = geteuid() == 0;
+  const struct passwd* entry = root ? getpwnam("nobody") : getpwuid(geteuid());
+  if (entry == nullptr) GTEST_SKIP() << "no account to switch to";
+  const std::string command = "[ $(id -u):$(id -g) = " + std::to_string(entry->pw_uid) + ":" +
+                              std::to_string(entry->pw_gid) + " ]" +
+                              (root ? " && [ $(id -G) = $(id -g) ]" : "");
+  EXPECT_EQ(TOLA_SystemByUsername(command.c_str(), entry->pw_name), 0u) << command;
+  EXPECT_EQ(geteuid(), root ? 0 : entry->pw_uid) << "the parent lost its user";
+
+  log_.Clear();
+  EXPECT_EQ(TOLA_SystemByUsername("exit 4", "no-such-user"), 1u);
+  EXPECT_THAT(log_.Lines(), ElementsAre("get user:no-such-user failed", StartsWith("SysErr:4,")))
+      << "an unknown user runs it as the current one, and the text stays out of the log";
+}
+
+TEST_F(CommandTest, VectorWayGivesTheExitCodeAndNamesTheCaller) {
+  EXPECT_EQ(tola_excev(kCaller, 7, "/bin/sh -c \"exit $#\" x y \"a b\"", nullptr), 2u) << "quotes lost";
+  ASSERT_THAT(log_.Lines(),
+              ElementsAre(MatchesRegex("excev err:2,[0-9]+,/bin/sh"), StartsWith("excev err:/")));
+  EXPECT_EQ(log_.Records()[0].file, kCaller) << "the line must lead to the caller";
+  EXPECT_EQ(log_.Records()[0].line, 7u);
+
+  const struct {
+    std::string command;
+    const char* shown;
+    uint32_t result;
+    std::vector<std::string> starts;
+  } rows[] = {
+      {"true", nullptr, 0, {}},
+      {"/bin/sh -c \"kill -9 $$\"", nullptr, 1, {"excev abnormal:9,", "excev err:/bin/sh -c"}},
+      {"/no/such-program", nullptr, 127, {"excev err:127,2,/no/such-program", "excev err:/no/such-program"}},
+      {"false pass", "login", 1, {"excev err:1,", "excev err:login"}},
+      {"false pass", nullptr, 1, {"excev err:1,"}},
+      {"  ", nullptr, 1, {"excev err:  "}},
+      {"touch " + dir_.File("mark") + ";", nullptr, kCmdErrText, {"excev err:touch"}},
+  };
+  for (const auto& row : rows) {
+    log_.Clear();
+    EXPECT_EQ(tola_excev(kCaller, 7, row.command.c_str(), row.shown), row.result) << row.command;
+    const auto lines = log_.Lines();
+    ASSERT_EQ(lines.size(), row.starts.size()) << row.command;
+    for (size_t i = 0; i < lines.size(); ++i) EXPECT_THAT(lines[i], StartsWith(row.starts[i]));
+    log_.Clear();
+    EXPECT_EQ(tola_excev_no_log(kCaller, 7, row.command.c_str(), row.shown), row.result) << row.command;
+    EXPECT_THAT(log_.Lines(), IsEmpty()) << "the run log would wait for itself: " << row.command;
+  }
+  EXPECT_NE(CheckFileExist(dir_.File("mark").c_str()), 0u) << "a refused command ran";
+  EXPECT_EQ(tola_excev(kCaller, 8, nullptr, nullptr), 1u);
+  EXPECT_THAT(log_.Lines(), ElementsAre("cmd null"));
+}
+
+TEST_F(CommandTest, ChildInheritsThreeDescriptorsAndTheOldSignalState) {
+  const int low = open("/dev/null", O_RDONLY);
+  const int high = dup2(low, 255);
+  const std::string command = "[ ! -e /proc/$$/fd/" + std::to_string(low) + " ] && [ ! -e /proc/$$/fd/255 ]";
+  EXPECT_EQ(TOLA_System(command.c_str()), 0u) << "a descriptor went to the child";
+  EXPECT_EQ(fcntl(high, F_GETFD), 0) << "the parent lost its own";
+  close(low);
+  close(high);
+
+  const std::string out = dir_.File("status");
+  EXPECT_EQ(TOLA_System(("grep -E 'Sig(Blk|Ign)' /proc/self/status > " + out).c_str()), 0u);
+  std::string own;
+  std::ifstream status("/proc/thread-self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("SigBlk") || line.starts_with("SigIgn")) own += line + "\n";
+  }
+  EXPECT_EQ(ReadFile(out), own) << "the child must not start with SIGCHLD blocked or SIGINT ignored";
+}
+
+volatile sig_atomic_t g_signals = 0;
+void CountSignal(int) {
+  g_signals = g_signals + 1;
+}
+
+TEST_F(CommandTest, SignalHandlersStandBackWhileACommandRunsAndComeBack) {
+  struct sigaction mine = {};
+  mine.sa_handler = CountSignal;  // without SA_RESTART: a signal breaks into the wait
+  std::map<int, struct sigaction> old;
+  for (const int number : {SIGINT, SIGQUIT, SIGUSR1}) sigaction(number, &mine, &old[number]);
+  mine.sa_handler = SIG_IGN;
+  sigaction(SIGCHLD, &mine, &old[SIGCHLD]);
+
+  g_signals = 0;
+  EXPECT_EQ(TOLA_System("kill -INT $PPID && kill -QUIT $PPID"), 0u) << "an ignored SIGCHLD loses the status";
+  EXPECT_EQ(g_signals, 0) << "an interrupt reached the parent while it waited";
+  EXPECT_EQ(TOLA_System("kill -USR1 $PPID"), 0u) << "a wait that was broken into must go on";
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child was left behind";
+  for (const auto& [number, action] : old) {
+    struct sigaction now = {};
+    sigaction(number, &action, &now);
+    EXPECT_EQ(now.sa_handler, number == SIGCHLD ? SIG_IGN : CountSignal) << "signal " << number;
+  }
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  EXPECT_EQ(sigismember(&mask, SIGCHLD), 0) << "SIGCHLD stayed blocked";
+}
+
+TEST_F(CommandTest, PlatformScriptRunsByItsBareNameThroughSudo) {
+  for (const char* name : {"", "a/b.sh", "..", "x;y", "x y"}) {
+    EXPECT_EQ(TOLA_SystemSudoWithoutParam(name), 1u) << name;
+  }
+  EXPECT_EQ(TOLA_SystemSudoWithoutParam(nullptr), 1u);
+  EXPECT_EQ(TOLA_SystemSudoWithoutParam(std::string(250, 'x').c_str()), 1u);
+  EXPECT_THAT(log_.Lines(), IsEmpty()) << "a refused name was run";
+
+  const std::string out = dir_.File("out");
+  const std::string sudo = dir_.Write("sudo", "#!/bin/sh\necho \"$@\" > " + out + "\n");
+  chmod(sudo.c_str(), 0755);
+  chmod(dir_.path().c_str(), 0777);
+  const std::string path = dir_.path() + ":" + getenv("PATH");
+  EXPECT_EQ(InOwnProcess([&] {
+              if (geteuid() == 0 && setuid(65534) != 0) return 2;
+              setenv("PATH", path.c_str(), 1);
+              return static_cast<int>(TOLA_SystemSudoWithoutParam("lo_up.sh"));
+            }),
+            0);
+  EXPECT_EQ(ReadFile(out), "/app_run/app_bin/script/lo_up.sh\n") << "who is not root needs sudo";
+}
+
+class FileServiceTest : public CommandTest {};
+
+TEST_F(FileServiceTest, OpenMakesPrivateFilesAndCloseTellsOfLostBytes) {
+  const std::string fresh = dir_.File("fresh");
+  const mode_t mask = umask(0277);
+  FILE* file = TOLA_OpenFile(fresh.c_str(), "w+");
+  umask(mask);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(ModeOf(fresh), 0600u);
+  EXPECT_EQ(fcntl(fileno(file), F_GETFD), FD_CLOEXEC) << "scripts would inherit it";
+  EXPECT_EQ(TOLA_CloseFile(file), 0u);
+
+  fs::create_symlink(dir_.File("elsewhere"), dir_.File("link"));
+  EXPECT_EQ(TOLA_OpenFile(dir_.File("link").c_str(), "w"), nullptr) << "made a file through a dangling link";
+  EXPECT_EQ(TOLA_OpenFile(dir_.File("absent").c_str(), "r+"), nullptr);
+  EXPECT_EQ(TOLA_OpenFile(fresh.c_str(), "x"), nullptr);
+  file = TOLA_OpenFile("/dev/full", "w");
+  EXPECT_EQ(TOLA_WriteFile(file, "x", 1), 0u);
+  EXPECT_EQ(TOLA_CloseFile(file), 1u) << "the last bytes were lost in silence";
+}
+
+TEST_F(FileServiceTest, CopyAppearsWholeOrNotAtAll) {
+  std::string content(20'001, '\0');
+  for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
+  const std::string source = dir_.Write("source", content);
+  const std::string target = dir_.Write("target", "untouched");
+  const std::string copy = dir_.File("copy");
+  fs::create_symlink(target, copy);
+
+  EXPECT_EQ(TOLA_CopyFile(9, source.c_str(), copy.c_str()), 0u);
+  EXPECT_EQ(ReadFile(target), "untouched") << "the copy went through the link";
+  EXPECT_FALSE(fs::is_symlink(copy));
+  EXPECT_EQ(ModeOf(copy), 0600u);
+  EXPECT_EQ(ReadFile(copy), content);
+  EXPECT_EQ(TolaBackupFile(copy.c_str(), copy.c_str()), 0u);
+  EXPECT_EQ(ReadFile(copy), content) << "a copy onto itself emptied the file";
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+
+  const std::string pipe = dir_.File("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& bad : {dir_.File("absent"), dir_.path(), pipe}) {
+    log_.Clear();
+    EXPECT_EQ(TOLA_CopyFile(9, bad.c_str(), copy.c_str()), 1u) << bad;
+    EXPECT_EQ(log_.Lines().size(), 1u);
+    EXPECT_EQ(TolaBackupFile(bad.c_str(), copy.c_str()), 1u);
+    EXPECT_EQ(log_.Lines().size(), 1u) << "the run log calls this one";
+    EXPECT_EQ(ReadFile(copy), content) << "what stood there was lost";
+  }
+  fs::create_directory(dir_.File("folder"));
+  EXPECT_EQ(TOLA_CopyFile(9, source.c_str(), dir_.File("folder").c_str()), 1u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 5)
+      << "a failed copy left its file behind";
+}
+
+TEST_F(FileServiceTest, PropertyIsSetOnRegularFilesOnly) {
+  const std::string file = dir_.Write("file", "x");
+  chmod(file.c_str(), 0644);
+  fs::create_symlink(file, dir_.File("link"));
+  EXPECT_EQ(ChangeFileProperty(dir_.File("link").c_str()), 1u);
+  EXPECT_EQ(ModeOf(file), 0644u) << "the link was followed";
+  EXPECT_EQ(ChangeFileProperty(dir_.path().c_str()), 1u);
+  EXPECT_EQ(ChangeFileProperty(dir_.File("absent").c_str()), 1u);
+  chmod(file.c_str(), 0);
+  EXPECT_EQ(ChangeFileProperty(file.c_str()), 0u) << "a file that its owner cannot read can still be mended";
+  EXPECT_EQ(ModeOf(file), 0600u);
+  EXPECT_THAT(log_.Lines(), IsEmpty()) << "the run log calls it";
+}
+
+TEST_F(FileServiceTest, RootHandsFilesToTheRunAccount) {
+  const std::string passwd = dir_.Write("passwd", "root:x:0:0::/:/bin/sh\nprorunacc:x:4711:1::/:/bin/sh\n");
+  const std::string group = dir_.Write("group", "root:x:0:\nquorin:x:4712:\n");
+  const std::string file = dir_.Write("file", "x");
+  const std::string made = dir_.File("made");
+  constexpr int kNoNamespace = 77;
+  const int result = InOwnProcess([&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
+        mount(group.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
+      return kNoNamespace;
+    }
+    if (ChangeFileProperty(file.c_str()) != 0) return 1;
+    return static_cast<int>(TOLA_CloseFile(TOLA_OpenFile(made.c_str(), "w")));
+  });
+  if (result == kNoNamespace) GTEST_SKIP() << "no right to a mount namespace";
+  ASSERT_EQ(result, 0);
+  for (const std::string& path : {file, made}) {
+    struct stat state = {};
+    ASSERT_EQ(stat(path.c_str(), &state), 0);
+    EXPECT_EQ(std::to_string(state.st_uid) + ":" + std::to_string(state.st_gid), "4711:4712") << path;
+  }
+}
+
+TEST_F(FileServiceTest, LengthsAndDeletionsTellTheTruth) {
+  const std::string file = dir_.Write("file", "12345");
+  uint32_t length = 9;
+  EXPECT_EQ(GetFileLen(file.c_str(), length), 0u);
+  EXPECT_EQ(length, 5u);
+  ASSERT_EQ(truncate(file.c_str(), off_t{1} << 32), 0);
+  EXPECT_EQ(GetFileLen(file.c_str(), length), 1u) << "4 GiB must not read as 0 bytes";
+  EXPECT_EQ(TOLA_DeleteFile(9, file.c_str()), 0u);
+  EXPECT_EQ(TOLA_DeleteFile(9, file.c_str()), 0u) << "what is absent is deleted";
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+  EXPECT_EQ(TOLA_DeleteFile(9, dir_.path().c_str()), 1u);
+  EXPECT_EQ(log_.Lines().size(), 1u);
+}
+
+}  // namespace
