@@ -243,7 +243,7 @@ void RegLogFileOprateFunc(LogFileOperate func) {
 
 void TOLA_RunLogRecordTypeEnable() {
   g_files.overwrite = true;
-  printf("run log record type overwrite");
+  puts("run log record type overwrite");
 }
 
 FILE* GetFileLog() {

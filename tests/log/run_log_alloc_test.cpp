@@ -1,0 +1,73 @@
+/// A record on its way allocates nothing. The C library's allocator is counted from outside; under a
+/// sanitizer, which brings an allocator of its own, there is nothing to count.
+#include <gtest/gtest.h>
+#include <stddef.h>
+
+#include <string>
+
+#include "log/log_test_support.h"
+#include "log/run_log.h"
+#include "support/log_capture.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define COUNTS_ALLOCATIONS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define COUNTS_ALLOCATIONS 0
+#endif
+#endif
+#ifndef COUNTS_ALLOCATIONS
+#define COUNTS_ALLOCATIONS 1
+#endif
+
+#if COUNTS_ALLOCATIONS
+
+namespace {
+thread_local size_t t_allocations = 0;
+}
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* memory, size_t size);
+
+void* malloc(size_t size) {
+  ++t_allocations;
+  return __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size) {
+  ++t_allocations;
+  return __libc_calloc(count, size);
+}
+void* realloc(void* memory, size_t size) {
+  ++t_allocations;
+  return __libc_realloc(memory, size);
+}
+}
+
+namespace {
+
+TEST(RunLogAllocationTest, NeitherRecordNorRepeatNorSummaryAllocates) {
+  const StandingClock clock;
+  support::LogCapture log(kLogErr);
+  const uint8_t on = 1;
+  ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, &on), 0u);
+  const size_t alive = t_allocations;
+  delete new std::string(100, 'x');
+  ASSERT_GT(t_allocations, alive) << "the counter counts nothing";
+
+  const size_t first = t_allocations;
+  for (uint32_t i = 0; i < 200; ++i) {
+    TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "record %u of many", i % 50);  // written, pushes another out
+    TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "record %u of many", i % 50);  // folded
+    TOLA_LogPrint(7, kLogInf, "a.cpp", 1, "dropped");
+    KEL_ClockAdvanceMs(20'000);  // date prefixes, time-outs, and the hourly look
+  }
+  const size_t last = t_allocations;
+  EXPECT_EQ(last, first);
+  EXPECT_GT(log.Lines().size(), 200u) << "records and summaries were written";
+}
+
+}  // namespace
+
+#endif
