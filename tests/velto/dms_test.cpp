@@ -1,0 +1,480 @@
+// Component messages between real processes: the test and one or more dms_peer.
+#include "velto/dms.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/owners.h"
+#include "support/temp_dir.h"
+#include "velto/dms_peer.h"
+#include "velto/dms_wire.h"
+#include "velto/kel_cfg.h"
+#include "velto/kel_mem.h"
+#include "velto/rtf.h"
+
+namespace {
+
+using base::UniqueFd;
+using velto::kWireDataMax;
+using velto::WireHead;
+
+constexpr uint32_t kMessageMax = 1048576;
+
+struct Received {
+  uint32_t id, source, destination, priority;
+  std::string head, data;
+};
+
+// This process's own component, which keeps what the peers answer.
+class Inbox {
+ public:
+  static Inbox& Get() {
+    static Inbox& inbox = *new Inbox;
+    return inbox;
+  }
+  static void Entry(void* message) {
+    Received received{DMS_MsgRecvIidGet(message),
+                      DMS_MsgSendCidGet(message),
+                      DMS_MsgRecvCidGet(message),
+                      0,
+                      std::string(static_cast<char*>(DMS_MsgReserveHeadGet(message)), kDmsReservedHeadSize),
+                      std::string(static_cast<char*>(message), DMS_MsgLenGet(message))};
+    EXPECT_EQ(DMS_MsgQuePrioGet(message, &received.priority), 0u);
+    const std::lock_guard lock(Get().mutex_);
+    Get().messages_.push_back(std::move(received));
+    Get().arrived_.notify_all();
+  }
+  Received Take() {
+    std::unique_lock lock(mutex_);
+    if (!arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !messages_.empty(); })) {
+      ADD_FAILURE() << "no answer of the peer";
+      return {};
+    }
+    Received first = std::move(messages_.front());
+    messages_.pop_front();
+    return first;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::deque<Received> messages_;
+};
+
+// Brings the runtime of the test process up, once.
+class Runtime {
+ public:
+  static Runtime& Get() {
+    static Runtime runtime;
+    return runtime;
+  }
+  [[nodiscard]] std::string Config(const std::string& name, const std::string& dir, int answerMs) const {
+    return files_.Write(
+        name, "dms.dir=" + dir + "\ndms.peer_user=\ndms.answer_ms=" + std::to_string(answerMs) + "\n");
+  }
+  [[nodiscard]] std::string SocketFile(uint32_t process) const {
+    return dir() + "/" + kPeerIp + "_" + std::to_string(process);
+  }
+  [[nodiscard]] std::string dir() const { return files_.File("dms"); }
+  [[nodiscard]] const std::string& config() const { return config_; }
+  [[nodiscard]] const support::TempDir& files() const { return files_; }
+
+ private:
+  Runtime() : config_(Config("feature.cfg", dir(), 20000)) {
+    // A short time to wait for answers here, so that what never answers is soon known to.
+    EXPECT_EQ(KEL_CfgdbInitByFsldr(Config("own.cfg", dir(), 10000).c_str()), 0u);
+    EXPECT_EQ(KEL_Start(nullptr), 0u);
+    EXPECT_EQ(DMS_MeshCamProcAddrItemAdd(kPeerIp, kTestProcess), 0u);
+    const RtfCompTypeInfo type{"TEST", "1.0.0", 1, nullptr, nullptr, Inbox::Entry};
+    const RtfCompInst instance{kTestCsi, CpiOf(kTestCsi)};
+    EXPECT_EQ(RTF_CompTypeRegister(kTestCsi, &type), 0u);
+    for (uint32_t stage = 0; stage < 3; ++stage)
+      EXPECT_EQ(RTF_CompInstCreate(stage, kTestCsi, &instance), 0u);
+    EXPECT_FALSE(std::filesystem::exists(SocketFile(kTestProcess)))
+        << "bound before anybody handles a message";
+    EXPECT_EQ(RTF_CompInstSchEnable(instance.cpi, 1), 0u);
+  }
+
+  support::TempDir files_;
+  std::string config_;
+};
+
+class Peer {
+ public:
+  Peer(uint32_t process, const std::string& config) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) abort();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    std::string program = TOLA_BUILD_DIR "/tests/velto/dms_peer", id = std::to_string(process), file = config;
+    char* argv[] = {program.data(), file.data(), id.data(), nullptr};
+    EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv, environ), 0) << program;
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    close(out[1]);
+    input_.reset(in[1]);
+    output_.reset(fdopen(out[0], "r"));
+    first_ = ReadLine();
+  }
+  explicit Peer(uint32_t process) : Peer(process, Runtime::Get().config()) { EXPECT_EQ(first_, "enabled 0"); }
+  ~Peer() { Kill(); }
+
+  void Kill() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  [[nodiscard]] const std::string& first() const { return first_; }
+  std::string ReadLine() {
+    char line[64] = {};
+    if (fgets(line, sizeof(line), output_.get()) == nullptr) return "";
+    return {line, strcspn(line, "\n")};
+  }
+  void Go() { EXPECT_EQ(write(input_.get(), "go\n", 3), 3); }
+
+ private:
+  pid_t pid_ = -1;
+  UniqueFd input_;
+  base::FilePtr output_;
+  std::string first_;
+};
+
+class DmsTest : public testing::Test {
+ protected:
+  DmsTest() { EXPECT_EQ(KEL_HandleInitialize("dms", &handle_), 0u); }
+  ~DmsTest() override {
+    uint64_t bytes = 0, count = 1;
+    for (int i = 0; i < 1000 && count != 0; ++i) {  // the inbox frees its last message after it was taken
+      EXPECT_EQ(KEL_HandleUseGet(handle_, &bytes, &count), 0u);
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(count, 0u) << "a message was not freed";
+  }
+
+  void Know(uint32_t process, uint32_t csi = kPeerCsi, const char* ip = kPeerIp) {
+    ASSERT_EQ(DMS_CamMeshOtherProcAddrItemAdd(ip, process), 0u);
+    ASSERT_EQ(DMS_CompAddrTableItemAdd(csi, 1, ip, process), 0u);
+  }
+  uint32_t Send(uint32_t id, const std::string& data = "", uint32_t csi = kPeerCsi, uint8_t priority = 0,
+                const std::string& head = "") {
+    void* message = DMS_MsgAlloc(kTestCsi, static_cast<uint32_t>(data.size()));
+    if (message == nullptr) return UINT32_MAX;
+    memcpy(message, data.data(), data.size());
+    memcpy(DMS_MsgReserveHeadGet(message), head.data(), head.size());
+    DMS_MsgRecvIidSet(message, id);
+    EXPECT_EQ(DMS_MsgPrioSet(message, priority), 0u);
+    return DMS_MsgSend(CpiOf(csi), message);
+  }
+  void ExpectServed(const std::string& why) {
+    EXPECT_EQ(Send(kEcho, why), 0u) << why;
+    EXPECT_EQ(inbox_.Take().data, why);
+  }
+
+  Runtime& runtime_ = Runtime::Get();
+  Inbox& inbox_ = Inbox::Get();
+  uint32_t handle_ = 0;
+};
+
+sockaddr_un AddressOf(const std::string& file) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  EXPECT_LT(file.size(), sizeof(address.sun_path));
+  memcpy(address.sun_path, file.c_str(), std::min(file.size() + 1, sizeof(address.sun_path)));
+  return address;
+}
+
+UniqueFd RawConnect(const std::string& file) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = AddressOf(file);
+  EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+      << strerror(errno);
+  return fd;
+}
+
+UniqueFd RawListen(const std::string& file) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = AddressOf(file);
+  EXPECT_EQ(bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
+      << strerror(errno);
+  EXPECT_EQ(listen(fd.get(), 8), 0);
+  return fd;
+}
+
+WireHead HeadFor(uint32_t total) {
+  return {velto::kWireMagic, total, 0, CpiOf(kPeerCsi), kTestCsi, kEcho, 0, 0, {}};
+}
+
+void RawSend(int fd, const WireHead& head, size_t dataSize) {
+  std::string packet(sizeof(head) + dataSize, 'x');
+  memcpy(packet.data(), &head, sizeof(head));
+  (void)!send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);  // the peer may have closed already
+}
+
+// Whether the peer closes the connection instead of answering; waits for one or the other.
+bool IsClosedByPeer(int fd) {
+  uint32_t answer = 0;
+  const ssize_t size = recv(fd, &answer, sizeof(answer), 0);
+  return size == 0 || (size < 0 && errno == ECONNRESET);
+}
+
+TEST_F(DmsTest, MessagesOfEveryLengthArriveWhole) {
+  Peer peer(201);
+  Know(201);
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const std::string head("\x07\0reserved head!", kDmsReservedHeadSize);
+  for (const uint32_t length : {0u, 1u, kWireDataMax - 1, kWireDataMax, kWireDataMax + 1, 32767u, 32768u,
+                                65535u, 65536u, 65538u, 2 * kWireDataMax, kMessageMax}) {
+    std::string data(length, '\0');
+    for (char& byte : data) byte = static_cast<char>(random());
+    ASSERT_EQ(Send(kEcho, data, kPeerCsi, 7, head), 0u) << length;
+    const Received answer = inbox_.Take();
+    EXPECT_TRUE(answer.data == data) << length;
+    EXPECT_EQ(answer.head, head) << length;
+    EXPECT_EQ(answer.id, kEcho + 100);
+    EXPECT_EQ(answer.source, kPeerCsi);
+    EXPECT_EQ(answer.destination, CpiOf(kTestCsi));
+    EXPECT_EQ(answer.priority, 7u);
+  }
+  EXPECT_EQ(Send(kEcho, std::string(kMessageMax + 1, 'x')), kDmsErrTooLong);
+}
+
+TEST_F(DmsTest, ManySendersAtOnceLoseAndMixNothing) {
+  Peer peer(202);
+  Know(202);
+  std::vector<std::thread> senders;
+  for (uint32_t i = 0; i < 4; ++i) {
+    senders.emplace_back([this, i] {
+      for (uint32_t j = 0; j < 50; ++j) {
+        const std::string data(1 + j * 1500, static_cast<char>('a' + i));
+        uint32_t sent = 0;
+        while ((sent = Send(kEcho, data)) == kDmsErrRefused) std::this_thread::yield();  // its queue is short
+        EXPECT_EQ(sent, 0u);
+      }
+    });
+  }
+  uint32_t counts[4] = {};
+  for (int i = 0; i < 200; ++i) {
+    const std::string data = inbox_.Take().data;
+    ASSERT_FALSE(data.empty());
+    EXPECT_EQ(data.find_first_not_of(data[0]), std::string::npos) << "two messages were mixed";
+    ++counts[data[0] - 'a'];
+  }
+  for (std::thread& sender : senders) sender.join();
+  EXPECT_THAT(counts, testing::Each(50u));
+}
+
+TEST_F(DmsTest, ASenderLearnsAtOnceThatNobodyTakesTheMessage) {
+  Know(203);
+  EXPECT_EQ(Send(kEcho), kDmsErrNoPeer) << "no such socket";
+  Peer peer(203);
+  EXPECT_EQ(Send(kEcho, "", 9999), kDmsErrNoAddr);
+  Know(203, 4199);
+  EXPECT_EQ(Send(kEcho, "", 4199), kDmsErrRefused) << "no such component there";
+  Know(203, kPeerDisabledCsi);
+  EXPECT_EQ(Send(kEcho, std::string(100000, 'x'), kPeerDisabledCsi), kDmsErrRefused);
+  Know(203, 4198, "10.1.2.3");
+  EXPECT_EQ(Send(kEcho, "", 4198), kDmsErrFarHost);
+  ExpectServed("after refused ones");
+  peer.Kill();
+  EXPECT_EQ(Send(kEcho), kDmsErrNoPeer) << "the dead process's socket file is still there";
+  EXPECT_EQ(DMS_CamMeshOtherProcAddrItemDel(kPeerIp, 203), 0u);
+  EXPECT_EQ(Send(kEcho), kDmsErrNoAddr) << "removal undoes the components' addresses";
+}
+
+TEST_F(DmsTest, ARestartedPeerIsReachedByTheNextSend) {
+  Know(204);
+  for (int i = 0; i < 3; ++i) {
+    Peer peer(204);
+    ExpectServed("over a connection to a process that died, and its stale socket file");
+  }
+}
+
+TEST_F(DmsTest, TheAddressOfALivingProcessIsNotTaken) {
+  Peer peer(205);
+  Know(205);
+  EXPECT_EQ(Peer(205, runtime_.config()).first(), "enabled " + std::to_string(kDmsErrSocket));
+  ExpectServed("still the first process's");
+}
+
+TEST_F(DmsTest, AFullQueueOfThePeerRefusesAndTheOthersArriveInOrder) {
+  Peer peer(206);
+  Know(206);
+  ASSERT_EQ(Send(kHold), 0u);
+  ASSERT_EQ(peer.ReadLine(), "holding 0");
+  for (uint32_t i = 0; i < kPeerQueueLength; ++i) ASSERT_EQ(Send(kEcho, std::to_string(i)), 0u);
+  EXPECT_EQ(Send(kEcho, "one too many"), kDmsErrRefused);
+  EXPECT_EQ(Send(kEcho, "urgent", kPeerCsi, 1), 0u) << "the priority stream has room of its own";
+  peer.Go();
+  EXPECT_EQ(inbox_.Take().data, "urgent");
+  for (uint32_t i = 0; i < kPeerQueueLength; ++i) EXPECT_EQ(inbox_.Take().data, std::to_string(i));
+}
+
+TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {
+  Peer peer(207);
+  Know(207);
+  WireHead wrongMagic = HeadFor(1), late = HeadFor(1), priority = HeadFor(1);
+  wrongMagic.magic ^= 1;
+  late.offset = 1;
+  priority.priority = 256;
+  struct {
+    const char* what;
+    WireHead head;
+    size_t dataSize;
+  } const cases[] = {{"wrong magic", wrongMagic, 1},
+                     {"begins in the middle", late, 1},
+                     {"no such priority", priority, 1},
+                     {"more data than total", HeadFor(1), 2},
+                     {"less data than total", HeadFor(2), 1},
+                     {"a short packet in front", HeadFor(kWireDataMax + 1), 10},
+                     {"an overlong packet", HeadFor(kMessageMax), kWireDataMax + 1}};
+  for (const auto& c : cases) {
+    const UniqueFd raw = RawConnect(runtime_.SocketFile(207));
+    RawSend(raw.get(), c.head, c.dataSize);
+    EXPECT_TRUE(IsClosedByPeer(raw.get())) << c.what;
+    ExpectServed(c.what);
+  }
+  const UniqueFd mixed = RawConnect(runtime_.SocketFile(207));
+  WireHead head = HeadFor(kWireDataMax + 1);
+  RawSend(mixed.get(), head, kWireDataMax);
+  head.offset = kWireDataMax;
+  head.messageId = kCount;
+  RawSend(mixed.get(), head, 1);
+  EXPECT_TRUE(IsClosedByPeer(mixed.get())) << "a packet of another message";
+  const UniqueFd tiny = RawConnect(runtime_.SocketFile(207));
+  EXPECT_EQ(send(tiny.get(), "x", 1, MSG_NOSIGNAL), 1);
+  EXPECT_TRUE(IsClosedByPeer(tiny.get()));
+  ExpectServed("after all of them");
+}
+
+TEST_F(DmsTest, ThePeersOwnBoundsHoldWhateverTheSenderBelieves) {
+  Peer peer(208, runtime_.Config("short.cfg", runtime_.dir(), 100));
+  Know(208);
+  const UniqueFd tooLong = RawConnect(runtime_.SocketFile(208));
+  WireHead head = HeadFor(kMessageMax + 1);
+  for (; head.offset < head.total; head.offset += kWireDataMax) {
+    RawSend(tooLong.get(), head, std::min(kWireDataMax, head.total - head.offset));
+  }
+  uint32_t answer = 0;
+  EXPECT_EQ(recv(tooLong.get(), &answer, sizeof(answer), 0), 4);
+  EXPECT_EQ(answer, kDmsErrTooLong) << "read to its end, kept nowhere";
+
+  std::vector<UniqueFd> silent;
+  for (int i = 0; i < 6; ++i) {
+    silent.push_back(RawConnect(runtime_.SocketFile(208)));
+    RawSend(silent.back().get(), HeadFor(kMessageMax), kWireDataMax);
+  }
+  for (const UniqueFd& fd : silent) EXPECT_TRUE(IsClosedByPeer(fd.get())) << "silence within a message";
+  ASSERT_EQ(Send(kCount), 0u);
+  const std::string count = inbox_.Take().data;
+  ASSERT_EQ(count.size(), sizeof(uint64_t));
+  uint64_t live = 0;
+  memcpy(&live, count.data(), sizeof(live));
+  EXPECT_EQ(live, 1u) << "half a message was kept after its connection";
+}
+
+TEST_F(DmsTest, IdleConnectionsDoNotKeepOthersOut) {
+  Peer peer(209);
+  Know(209);
+  ExpectServed("before");
+  std::vector<UniqueFd> idle;
+  for (int i = 0; i < 100; ++i) idle.push_back(RawConnect(runtime_.SocketFile(209)));
+  EXPECT_TRUE(IsClosedByPeer(idle.front().get())) << "connections are not bounded";
+  ExpectServed("over a connection that was closed as the oldest one");
+}
+
+TEST_F(DmsTest, AMessageThatWasTakenIsNeverSentAgain) {
+  const UniqueFd listener = RawListen(runtime_.SocketFile(210));
+  Know(210);
+  constexpr uint32_t kBadAnswers[] = {0x12345678, kDmsErrLink};
+  std::thread peer([&] {
+    std::vector<char> packet(velto::kWirePacketMax);
+    for (size_t i = 0; i <= std::size(kBadAnswers); ++i) {
+      const UniqueFd taken(accept(listener.get(), nullptr, nullptr));
+      EXPECT_GT(recv(taken.get(), packet.data(), packet.size(), 0), 0);
+      const uint32_t good = 0;
+      EXPECT_EQ(send(taken.get(), &good, sizeof(good), 0), 4);
+      EXPECT_GT(recv(taken.get(), packet.data(), packet.size(), 0), 0);
+      if (i < std::size(kBadAnswers)) {
+        EXPECT_EQ(send(taken.get(), &kBadAnswers[i], 4, 0), 4);
+      }
+    }
+  });
+  for (size_t i = 0; i <= std::size(kBadAnswers); ++i) {
+    EXPECT_EQ(Send(kEcho, "answered"), 0u);
+    EXPECT_EQ(Send(kEcho, "taken, then closed or answered with nonsense"), kDmsErrLink);
+  }
+  peer.join();
+  pollfd more{listener.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&more, 1, 0), 0) << "connected again after the message had been taken";
+}
+
+TEST_F(DmsTest, ADirectoryThatOthersMayWriteIsRefused) {
+  const std::string dir = runtime_.files().File("open");
+  ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+  const std::string config = runtime_.Config("open.cfg", dir, 1000);
+  for (const mode_t mode : {0720, 0702, 01777}) {
+    ASSERT_EQ(chmod(dir.c_str(), mode), 0);
+    EXPECT_EQ(Peer(211, config).first(), "enabled " + std::to_string(kDmsErrSocket)) << std::oct << mode;
+  }
+  ASSERT_EQ(chmod(dir.c_str(), 0700), 0);
+  EXPECT_EQ(Peer(211, config).first(), "enabled 0");
+  const std::string link = runtime_.files().File("link");
+  std::filesystem::create_directory_symlink(dir, link);
+  EXPECT_EQ(Peer(212, runtime_.Config("link.cfg", link, 1000)).first(),
+            "enabled " + std::to_string(kDmsErrSocket));
+}
+
+// The calling thread alone becomes another user.
+bool BecomeStranger() {
+  return syscall(SYS_setresuid, -1, 54321, -1) == 0;
+}
+
+TEST_F(DmsTest, UsersWhoAreNotAllowedAreTurnedAwayAtBothEnds) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  Peer peer(213);
+  Know(213);
+  const UniqueFd listener = RawListen(runtime_.SocketFile(214));
+  for (const std::string& path : {runtime_.files().path(), runtime_.dir()})
+    ASSERT_EQ(chmod(path.c_str(), 0711), 0);
+  ASSERT_EQ(chmod(runtime_.SocketFile(213).c_str(), 0666), 0);
+  bool changed = false;
+  std::thread([&] {
+    changed = BecomeStranger();
+    if (!changed) return;
+    const UniqueFd raw = RawConnect(runtime_.SocketFile(213));
+    RawSend(raw.get(), HeadFor(0), 0);
+    EXPECT_TRUE(IsClosedByPeer(raw.get())) << "a stranger's message was answered";
+    EXPECT_EQ(listen(listener.get(), 8), 0);
+  }).join();
+  if (!changed) GTEST_SKIP() << "no other user is mapped here";
+  ExpectServed("after a stranger");
+  Know(214, 4214);
+  EXPECT_EQ(Send(kEcho, "secret", 4214), kDmsErrPeerUser);
+}
+
+}  // namespace

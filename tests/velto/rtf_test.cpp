@@ -1,0 +1,189 @@
+// The component runtime within one process: building, order of delivery, ownership, ending.
+#include "velto/rtf.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <mutex>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#include "velto/dms.h"
+#include "velto/kel_mem.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+// What the component under test does, and what it saw.
+struct World {
+  std::mutex mutex;
+  std::vector<uint32_t> ids;
+  std::counting_semaphore<> arrived{0}, proceed{0};
+  std::vector<uint32_t> stages;
+  uint32_t failStage = UINT32_MAX;
+  int destroyed = 0;
+}* gWorld = nullptr;
+
+constexpr uint32_t kHoldId = 1, kSuicideId = 2;
+
+class RtfTest : public testing::Test {
+ protected:
+  RtfTest() {
+    gWorld = &world_;
+    static uint32_t next = 1000;  // of their own for each test, so that they meet no other's
+    csi_ = next++;
+    const RtfCompTypeInfo type{"RTF_TEST", "1", 1, Construct, Destruct, Entry};
+    EXPECT_EQ(RTF_CompTypeRegister(csi_, &type), 0u);
+    EXPECT_EQ(KEL_HandleInitialize("dms", &handle_), 0u);
+  }
+  ~RtfTest() override {
+    (void)RTF_CompInstDestroy(Cpi());  // a test may have done it
+    EXPECT_EQ(Live(), 0u) << "a message was not freed";
+    EXPECT_EQ(RTF_CompTypeDelete(csi_), 0u);
+  }
+
+  static uint32_t Construct(uint32_t stage) {
+    gWorld->stages.push_back(stage);
+    return stage == gWorld->failStage ? 7 : 0;
+  }
+  static uint32_t Destruct() {
+    ++gWorld->destroyed;
+    return 0;
+  }
+  static void Entry(void* message) {
+    const uint32_t id = DMS_MsgRecvIidGet(message);
+    {
+      const std::lock_guard lock(gWorld->mutex);
+      gWorld->ids.push_back(id);
+    }
+    gWorld->arrived.release();
+    if (id == kHoldId) gWorld->proceed.acquire();
+    if (id == kSuicideId) {
+      EXPECT_EQ(RTF_CompInstDestroy(DMS_MsgRecvCidGet(message)), 0u);
+    }
+  }
+
+  [[nodiscard]] uint32_t Cpi() const { return csi_ | 0x80000000; }
+  uint32_t Create(uint32_t stage) {
+    const RtfCompInst instance{csi_, Cpi()};
+    return RTF_CompInstCreate(stage, csi_, &instance);
+  }
+  void Start() {
+    for (uint32_t stage = 0; stage < 3; ++stage) ASSERT_EQ(Create(stage), 0u);
+    ASSERT_EQ(RTF_CompInstSchEnable(Cpi(), 1), 0u);
+  }
+  uint32_t Send(uint32_t id, uint8_t priority = 0) {
+    void* message = DMS_MsgAlloc(1, 8);
+    DMS_MsgRecvIidSet(message, id);
+    EXPECT_EQ(DMS_MsgPrioSet(message, priority), 0u);
+    return DMS_MsgSend(Cpi(), message);
+  }
+  void Arrived(int count) {
+    for (int i = 0; i < count; ++i) world_.arrived.acquire();
+  }
+  [[nodiscard]] uint64_t Live() const {
+    uint64_t bytes = 0, count = 0;
+    EXPECT_EQ(KEL_HandleUseGet(handle_, &bytes, &count), 0u);
+    return count;
+  }
+
+  World world_;
+  uint32_t csi_ = 0, handle_ = 0;
+};
+
+TEST_F(RtfTest, StagesRunInOrderAndAFailedOneMayRunAgain) {
+  EXPECT_EQ(Create(1), kRtfErrNoInst);
+  EXPECT_EQ(Create(3), kRtfErrPara);
+  world_.failStage = 0;
+  EXPECT_EQ(Create(0), kRtfErrCtor);
+  world_.failStage = 2;
+  EXPECT_EQ(Create(0), 0u);
+  EXPECT_EQ(Create(0), kRtfErrExists);
+  EXPECT_EQ(Create(2), kRtfErrStage);
+  EXPECT_EQ(Create(1), 0u);
+  EXPECT_EQ(Create(2), kRtfErrCtor);
+  EXPECT_EQ(RTF_CompInstSchEnable(Cpi(), 1), kRtfErrStage) << "a half-built instance must get no messages";
+  EXPECT_EQ(Send(5), kDmsErrNoAddr);
+  world_.failStage = UINT32_MAX;
+  EXPECT_EQ(Create(2), 0u);
+  EXPECT_THAT(world_.stages, ElementsAre(0, 0, 1, 2, 2));
+  EXPECT_EQ(RTF_CompTypeDelete(csi_), kRtfErrBusy);
+}
+
+TEST_F(RtfTest, PriorityComesFirstThenTheOrderOfArrival) {
+  Start();
+  ASSERT_EQ(Send(kHoldId), 0u);
+  Arrived(1);
+  for (const uint32_t id : {10, 11, 12}) ASSERT_EQ(Send(id, 2), 0u) << "2 is not the high priority";
+  for (const uint32_t id : {20, 21}) ASSERT_EQ(Send(id, 1), 0u);
+  world_.proceed.release();
+  Arrived(5);
+  EXPECT_THAT(world_.ids, ElementsAre(kHoldId, 20, 21, 10, 11, 12));
+}
+
+TEST_F(RtfTest, ADisabledInstanceLetsMessagesWaitUpToTheBound) {
+  Start();
+  ASSERT_EQ(RTF_CompInstSchEnable(Cpi(), 0), 0u);
+  ASSERT_EQ(RTF_ScmCompStmMaxMsgNumSet(Cpi(), 0, 0, 2), 0u);
+  EXPECT_EQ(Send(10), 0u);
+  EXPECT_EQ(Send(11), 0u);
+  EXPECT_EQ(Send(12), kDmsErrQueueFull);
+  EXPECT_EQ(Send(20, 1), 0u) << "the streams are bounded apart";
+  EXPECT_EQ(Live(), 3u);
+  ASSERT_EQ(RTF_CompInstSchEnable(Cpi(), 1), 0u);
+  Arrived(3);
+  EXPECT_THAT(world_.ids, ElementsAre(20, 10, 11));
+}
+
+TEST_F(RtfTest, DestroyingFinishesTheMessageInHandAndFreesTheRest) {
+  Start();
+  ASSERT_EQ(Send(kHoldId), 0u);
+  Arrived(1);
+  ASSERT_EQ(Send(10), 0u);
+  ASSERT_EQ(Send(11, 1), 0u);
+  world_.proceed.release();
+  EXPECT_EQ(RTF_CompInstDestroy(Cpi()), 0u);
+  EXPECT_EQ(world_.destroyed, 1);
+  EXPECT_EQ(Live(), 0u);
+  EXPECT_EQ(world_.ids[0], kHoldId);
+  EXPECT_EQ(Send(12), kDmsErrNoAddr);
+  EXPECT_EQ(RTF_CompInstDestroy(Cpi()), kRtfErrNoInst);
+}
+
+TEST_F(RtfTest, AnEntryMayDestroyItsOwnInstance) {
+  Start();
+  ASSERT_EQ(Send(kSuicideId), 0u);
+  Arrived(1);
+  while (Live() != 0) std::this_thread::yield();
+}
+
+TEST(DmsMessageTest, ForeignAndFreedPointersAreNoMessages) {
+  alignas(16) char foreign[256] = {};
+  EXPECT_EQ(DMS_MsgFree(1, nullptr), kDmsErrPara);
+  EXPECT_EQ(DMS_MsgFree(1, foreign + 128), kDmsErrPara);
+  EXPECT_EQ(DMS_MsgFree(1, foreign + 129), kDmsErrPara);
+  void* message = DMS_MsgAlloc(1, 100);
+  ASSERT_NE(message, nullptr);
+  memcpy(foreign, static_cast<char*>(message) - 48, 148);
+  EXPECT_EQ(DMS_MsgFree(1, foreign + 48), kDmsErrPara) << "a copy of a message is none";
+  EXPECT_EQ(DMS_MsgSend(4150, message), kDmsErrPara) << "an instance id is no CPI; the message is consumed";
+  EXPECT_EQ(DMS_MsgAlloc(1, UINT32_MAX), nullptr) << "head and data are added in 32 bits";
+}
+
+TEST(DmsMessageTest, FlowControlCountsTheSendersMessagesUntilTheyAreFreed) {
+  void* plain = DMS_MsgAlloc(77, 0);
+  void* counted = DMS_MsgFlowCtrlAlloc(77, 2, 0);
+  ASSERT_NE(counted, nullptr);
+  EXPECT_EQ(DMS_MsgFlowCtrlAlloc(77, 2, 0), nullptr);
+  void* other = DMS_MsgFlowCtrlAlloc(78, 1, 0);
+  EXPECT_NE(other, nullptr) << "another sender has room of its own";
+  EXPECT_EQ(DMS_MsgFree(77, plain), 0u);
+  void* again = DMS_MsgFlowCtrlAlloc(77, 2, 0);
+  EXPECT_NE(again, nullptr);
+  for (void* message : {counted, other, again}) EXPECT_EQ(DMS_MsgFree(0, message), 0u);
+}
+
+}  // namespace
