@@ -10,7 +10,7 @@
 ///
 /// A trust anchor is a certificate of the context that is self-signed, or whose issuer is not in the context.
 ///
-/// A context belongs to one task. Every failure is reported once through SigvfyLogCallback.
+/// A context belongs to one task. Every failure is reported through SigvfyLogCallback.
 #pragma once
 
 #include <stddef.h>

@@ -1,0 +1,88 @@
+// Revocation lists by themselves, as the device's stored list and an update's meet: authenticated and
+// compared, without regard to their time.
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <new>
+
+#include "base/result_codes.h"
+#include "cms/decode.h"
+#include "cms/input_file.h"
+#include "cms/report.h"
+#include "cms/verify_state.h"
+
+struct SigvfyCrl {
+  std::vector<cms::CrlPtr> lists;  ///< one an issuer, all authenticated
+};
+
+namespace {
+
+constexpr int kMinSecurityBits = 112;
+
+bool MayIssueCrls(X509* cert) {
+  return X509_check_ca(cert) != 0 && (X509_get_key_usage(cert) & KU_CRL_SIGN) != 0 &&
+         EVP_PKEY_get_security_bits(X509_get0_pubkey(cert)) >= kMinSecurityBits;
+}
+
+enum class Origin { kGenuine, kForged, kUnknown };
+
+Origin OriginOf(X509_CRL* crl, const std::vector<cms::CertPtr>& certs) {
+  Origin origin = Origin::kUnknown;
+  for (const cms::CertPtr& cert : certs) {
+    if (X509_NAME_cmp(X509_get_subject_name(cert.get()), X509_CRL_get_issuer(crl)) != 0) continue;
+    if (MayIssueCrls(cert.get()) && X509_CRL_verify(crl, X509_get0_pubkey(cert.get())) == 1)
+      return Origin::kGenuine;
+    origin = Origin::kForged;
+  }
+  return origin;
+}
+
+uint32_t DecodeCrlFile(const SigvfyCtx& ctx, const char* path, SigvfyCrl** out) {
+  std::vector<uint8_t> bytes;
+  uint32_t code = cms::ReadInput(path, bytes);
+  std::vector<cms::CrlPtr> lists;
+  if (code == kSuccess) code = cms::DecodeCrls(bytes, lists);
+  if (code != kSuccess) return code;
+
+  auto crl = std::make_unique<SigvfyCrl>();
+  for (cms::CrlPtr& list : lists) {
+    const Origin origin = OriginOf(list.get(), ctx.store->certs);
+    if (origin == Origin::kForged) return cms::Report(kSigvfyErrCrlSignature, path, "SigvfyDecodeCrlFile");
+    if (origin == Origin::kGenuine) crl->lists.push_back(std::move(list));
+  }
+  if (crl->lists.empty()) return cms::Report(kSigvfyErrCrlIssuer, path, "SigvfyDecodeCrlFile");
+  *out = crl.release();
+  return kSuccess;
+}
+
+}  // namespace
+
+uint32_t SigvfyDecodeCrlFile(SigvfyCtx* ctx, const char* path, SigvfyCrl** crl) {
+  const uint32_t code = cms::CheckCtx(ctx);
+  if (code != kSuccess) return code;
+  if (path == nullptr || crl == nullptr) return cms::Report(kSigvfyErrArgument);
+  *crl = nullptr;
+  const uint32_t result = cms::Contained([&] { return DecodeCrlFile(*ctx, path, crl); });
+  ERR_clear_error();
+  return result;
+}
+
+uint32_t SigvfyCompareCrl(const SigvfyCrl* first, const SigvfyCrl* second, uint32_t* newer) {
+  if (first == nullptr || second == nullptr || newer == nullptr) return cms::Report(kSigvfyErrArgument);
+  *newer = 0;
+  bool anyNewer = false;
+  for (const cms::CrlPtr& theirs : second->lists) {
+    const X509_CRL* ours = cms::FindCrl(first->lists, X509_CRL_get_issuer(theirs.get()));
+    const int age = ours == nullptr ? -1 : cms::CompareAge(ours, theirs.get());
+    if (age < 0) return kSuccess;
+    anyNewer = anyNewer || age > 0;
+  }
+  *newer = anyNewer ? 1 : 0;
+  ERR_clear_error();
+  return kSuccess;
+}
+
+void SigvfyFreeCrl(SigvfyCrl* crl) {
+  delete crl;
+}
