@@ -1,0 +1,86 @@
+/// The daemon's start on a board: what a wrong configuration does, and that none of them opens the door.
+
+#include <gmock/gmock.h>
+
+#include "system/board_fixture.h"
+
+namespace system_test {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr char kOut[] = "/log/update_active.out";
+
+class StartTest : public testing::Test {
+ protected:
+  /// Starts the daemon after `change` on the board and returns what it printed once it is gone.
+  std::string FailedStart(const std::string& change) {
+    EXPECT_EQ(board_.Shell(change + "; rm -f /log/update_active.out").status, 0);
+    board_.Shell(
+        "/app_run/app_bin/script/update_common.sh; while pidof update_active >/dev/null; do sleep 0.01; "
+        "done");
+    return board_.Read(kOut);
+  }
+
+  Board board_;
+};
+
+TEST_F(StartTest, EachFailureBeforeTheLoopSaysWhereAndWhy) {
+  const std::string cfg = "/mnt/config/feature.cfg";
+  EXPECT_THAT(FailedStart("mv " + cfg + " /mnt/away"), HasSubstr("init velto fail:0x101"));
+  std::string printed = FailedStart("printf '# a comment\\ndms.answer_ms=soon\\n' >" + cfg);
+  EXPECT_THAT(printed, HasSubstr(cfg + ":2: "));
+  EXPECT_THAT(printed, HasSubstr("init velto fail:0x102"));
+  EXPECT_THAT(FailedStart(": >" + cfg + "; mv /app_run/app_bin/app_config/tola.cfg /mnt/away"),
+              HasSubstr("tola cfg fail:0x396c"));
+}
+
+TEST_F(StartTest, StartedByItsBareNameItHasNoDirectory) {
+  board_.Shell(
+      "cd /app_run/app_bin && update_active >/log/update_active.out 2>&1; "
+      "while pidof update_active >/dev/null; do sleep 0.01; done");
+  EXPECT_THAT(board_.Read(kOut), HasSubstr("set env fail:0x1"));
+}
+
+TEST_F(StartTest, FailedStageEndsTheTableAndTheProcess) {
+  const std::string printed = FailedStart(
+      "echo "
+      "'<module_cfg><comp><local_comp_ip>100.100.100.1000</local_comp_ip><dest_comp_ip>127.0.0.1</"
+      "dest_comp_ip>"
+      "</comp></module_cfg>' >/app_run/app_bin/accountlib/update_active.xml");
+  EXPECT_THAT(printed, HasSubstr("\n=====init fail:0x1\n"));
+  EXPECT_THAT(printed,
+              HasSubstr("\n==================== update_active_main process exit ================\n"));
+  const std::string log = board_.RunLog();
+  EXPECT_THAT(log, HasSubstr("CompMgr, ret=0x1"));
+  EXPECT_THAT(log, testing::Not(HasSubstr("AfterComp Init"))) << "a stage behind the failed one ran";
+}
+
+TEST_F(StartTest, DaemonIsDetachedAndKeepsNoDescriptor) {
+  EXPECT_EQ(board_.Shell("exec 7</etc/passwd; /app_run/app_bin/script/update_common.sh").status, 0);
+  board_.StartMain();
+  const auto facts = board_.Shell(
+      "p=$(pidof update_active); readlink /proc/$p/cwd; ls -l /proc/$p/fd | grep -c passwd;"
+      "cut -d' ' -f4,7 </proc/$p/stat; tr '\\0' '\\n' </proc/$p/environ | wc -l");
+  EXPECT_EQ(facts.output.rfind("/tmp\n0\n1 0\n", 0), 0u)
+      << "working directory, inherited descriptors, parent and terminal:\n"
+      << facts.output;
+}
+
+TEST(Verification, NoConfigurationWordSwitchesItOff) {
+  for (const char* word : {"0", "2", "0x20002", "0xFFFFFFFF"}) {
+    const Board board;
+    board.Shell(std::string("echo feature.signature_enable=") + word + " >/mnt/config/feature.cfg");
+    board.StartDaemon();
+    board.StartMain();
+    board.Shell(
+        "mkdir /mnt/u && echo x >/mnt/u/update.tar.gz && printf '#!/bin/sh\\necho OK\\n' >/mnt/u/update.sh");
+    const Answer answer =
+        board.Request({"--script", "/mnt/u/update.sh", "--package", "/mnt/u/update.tar.gz", "--signature-dir",
+                       "/mnt/u", "--list", "filelist.txt", "--signature", "filelist.cms"});
+    EXPECT_EQ(answer.result, 50996) << word << ": " << answer.text;
+  }
+}
+
+}  // namespace
+}  // namespace system_test

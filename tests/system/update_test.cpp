@@ -1,0 +1,248 @@
+/// Updates as a user asks for them: the real programs on a board, real packages, real certificates.
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "system/board_fixture.h"
+
+namespace system_test {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr char kStoredCrl[] = "/home/sys_cfg/signature.crl";
+
+class UpdateTest : public BoardTest {
+ protected:
+  std::vector<std::string> WithCrl() const { return {"--crl", material_.Pki() + "/root.crl"}; }
+
+  std::string GoodPackage(const std::string& name) const {
+    return material_.MakePackage(name, kOkScript, "signer", WithCrl());
+  }
+};
+
+void FlipByte(const std::string& file, size_t at) {
+  std::fstream stream(file, std::ios::in | std::ios::out | std::ios::binary);
+  stream.seekg(static_cast<std::streamoff>(at));
+  const int byte = stream.get();
+  stream.seekp(static_cast<std::streamoff>(at));
+  stream.put(static_cast<char>(byte ^ 1));
+}
+
+void Overwrite(const std::string& file, const std::string& content) {
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
+}
+
+TEST_F(UpdateTest, RequestStartsTheDaemonAndRunsTheScriptOfTheVerifiedPackage) {
+  board_.StartMain();
+  ASSERT_FALSE(board_.DaemonRuns());
+  auto options = Deliver(GoodPackage("good"), "good");
+  const Answer answer = board_.Request(options);
+  EXPECT_EQ(answer.status, 0) << answer.text;
+  EXPECT_EQ(answer.result, 0);
+  EXPECT_EQ(board_.Read("/mnt/payload.seen"), "payload of good");
+  EXPECT_TRUE(board_.DaemonRuns()) << "the daemon stays for the next request";
+
+  const std::string log = board_.RunLog();
+  EXPECT_THAT(log, HasSubstr("development root certificates"));
+  EXPECT_THAT(log, HasSubstr("cmd:/mnt/update/good/update.sh /mnt/update/good/payload.bin"));
+  EXPECT_THAT(log, HasSubstr("**buffer OK done"));
+  EXPECT_EQ(board_.Shell("stat -c %a:%U:%G " + std::string(kStoredCrl)).output, "600:prorunacc:quorin\n")
+      << "the list of the first update is stored, for the platform's account alone";
+}
+
+/// What is done to a good package before it is asked for, and what must come of it.
+struct Refusal {
+  const char* name;
+  int result;
+  std::function<void(const std::string& dir)> spoil;
+};
+
+TEST_F(UpdateTest, SpoiltMaterialIsRefusedWithItsCodeAndTheNextRequestIsServed) {
+  const std::string list = "/filelist.txt", signature = "/filelist.cms", crl = "/filelist.crl",
+                    package = "/update.tar.gz";
+  const Refusal refusals[] = {
+      {"no-list-at-all", 50996, [&](const std::string& dir) { std::filesystem::remove(dir + crl); }},
+      {"package-first-byte", 50994, [&](const std::string& dir) { FlipByte(dir + package, 0); }},
+      {"package-last-byte", 50994,
+       [&](const std::string& dir) {
+         FlipByte(dir + package, std::filesystem::file_size(dir + package) - 1);
+       }},
+      {"package-empty", 50994, [&](const std::string& dir) { Overwrite(dir + package, ""); }},
+      {"package-missing", 50992, [&](const std::string& dir) { std::filesystem::remove(dir + package); }},
+      {"list-changed", 50987, [&](const std::string& dir) { FlipByte(dir + list, 20); }},
+      {"list-empty", 50987, [&](const std::string& dir) { Overwrite(dir + list, ""); }},
+      {"signature-cut", 50987,
+       [&](const std::string& dir) { std::filesystem::resize_file(dir + signature, 400); }},
+      {"signature-garbage", 50987,
+       [&](const std::string& dir) { Overwrite(dir + signature, std::string(3000, '0')); }},
+      {"signature-empty", 50987, [&](const std::string& dir) { Overwrite(dir + signature, ""); }},
+      {"signature-too-long", 50987,
+       [&](const std::string& dir) { std::filesystem::resize_file(dir + signature, 2000001); }},
+      {"crl-garbage", 50997,
+       [&](const std::string& dir) { Overwrite(dir + crl, "-----BEGIN X509 CRL-----\nAAAA"); }},
+  };
+  board_.StartDaemon();
+  board_.StartMain();
+  for (const Refusal& refusal : refusals) {
+    const std::string dir = GoodPackage(refusal.name);
+    refusal.spoil(dir);
+    const Answer answer = board_.Request(Deliver(dir, refusal.name));
+    EXPECT_EQ(answer.result, refusal.result) << refusal.name << ": " << answer.text;
+    EXPECT_EQ(answer.status, 1) << refusal.name;
+    EXPECT_FALSE(board_.Exists(std::string("/mnt/update/") + refusal.name + "/update.sh"))
+        << refusal.name << ": unpacked although it was refused";
+  }
+  EXPECT_FALSE(board_.Exists("/mnt/payload.seen")) << "a script of a refused package ran";
+  const Answer last = board_.Request(Deliver(GoodPackage("good"), "good"));
+  EXPECT_EQ(last.result, 0) << last.text;
+}
+
+TEST_F(UpdateTest, SignersAreJudgedByRootRevocationAndExpiry) {
+  const std::string pki = material_.Pki();
+  material_.Pack({"dev-pki", "signer", "revoked", "--pki", pki});
+  material_.Pack({"dev-pki", "revoke", "revoked", "--pki", pki});
+  material_.Pack({"dev-pki", "crl", "--pki", pki});
+  material_.Pack({"dev-pki", "signer", "expired", "--pki", pki, "--expired"});
+  const Material foreign;
+  foreign.Pack({"dev-pki", "init", "--out", foreign.File("stranger")});
+  foreign.Pack({"dev-pki", "signer", "signer", "--pki", foreign.File("stranger")});
+  for (const char* file : {"/signer.key", "/signer.crt"}) {
+    const auto name = std::string("/foreign") + (file + 7);
+    std::filesystem::copy_file(foreign.File("stranger") + file, pki + name);
+  }
+  board_.StartDaemon();
+  board_.StartMain();
+  for (const char* signer : {"revoked", "expired", "foreign"}) {
+    const std::string dir = material_.MakePackage(signer, kOkScript, signer, WithCrl());
+    const Answer answer = board_.Request(Deliver(dir, signer));
+    EXPECT_EQ(answer.result, 50987) << signer << ": " << answer.text;
+  }
+  EXPECT_FALSE(board_.Exists("/mnt/payload.seen"));
+}
+
+TEST_F(UpdateTest, NewerRevocationListIsStoredAndAnOlderOneNeverReplacesIt) {
+  const std::string pki = material_.Pki();
+  const auto package = [&](const char* name, const char* date) {
+    material_.Pack(
+        {"dev-pki", "crl", "--pki", pki, "--this-update", date, "--out", material_.File("dated.crl")});
+    const std::string dir =
+        material_.MakePackage(name, kOkScript, "signer", {"--crl", material_.File("dated.crl")});
+    return Deliver(dir, name);
+  };
+  const auto digest = [&](const std::string& path) { return board_.Shell("sha256sum <" + path).output; };
+  board_.StartDaemon();
+  board_.StartMain();
+  EXPECT_EQ(board_.Request(package("first", "-3d")).result, 0);
+  const std::string first = digest(kStoredCrl);
+  EXPECT_EQ(board_.Request(package("older", "-9d")).result, 0) << "an older list is no reason to refuse";
+  EXPECT_EQ(digest(kStoredCrl), first) << "the stored list was replaced by an older one";
+  EXPECT_EQ(digest("/mnt/update/older/filelist.crl"), first) << "the check must run against the stored list";
+  EXPECT_EQ(board_.Request(package("newer", "-1d")).result, 0);
+  EXPECT_NE(digest(kStoredCrl), first);
+  EXPECT_EQ(digest(kStoredCrl), digest("/mnt/update/newer/filelist.crl"));
+
+  auto withoutList = package("without", "-1d");
+  withoutList.resize(withoutList.size() - 2);
+  EXPECT_EQ(board_.Request(withoutList).result, 0) << "the stored list serves a package without one";
+}
+
+TEST_F(UpdateTest, ScriptAndRequestFaultsHaveTheirCodes) {
+  board_.StartDaemon();
+  board_.StartMain();
+  const auto ask = [&](const char* name, const char* script, const std::vector<std::string>& more = {}) {
+    auto options = Deliver(material_.MakePackage(name, script, "signer", WithCrl()), name);
+    options.insert(options.end(), more.begin(), more.end());
+    return board_.Request(options).result;
+  };
+  EXPECT_EQ(ask("silent", "#!/bin/sh\nexit 0\n"), 1) << "success is a line, not an exit status";
+  EXPECT_EQ(ask("late", "#!/bin/sh\necho all OK\n"), 1) << "OK counts at the start of a line only";
+  EXPECT_EQ(ask("failing", "#!/bin/sh\necho ok so far\nexit 7\n"), 0) << "the exit status never counts";
+  EXPECT_EQ(ask("feature", kOkScript, {"--feature-id", "4"}), 37);
+  EXPECT_EQ(ask("feature3", kOkScript, {"--feature-id", "3"}), 0);
+  EXPECT_EQ(ask("nopackage", kOkScript, {"--package", ""}), 9476);
+  EXPECT_EQ(ask("nolist", kOkScript, {"--list", ""}), 9476);
+
+  EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 18703)
+      << "without a signature an authorisation is asked for, and nobody takes the question";
+}
+
+TEST_F(UpdateTest, OddMembersOfASignedPackageWriteNothingOutsideItsDirectory) {
+  struct Row {
+    const char* name;
+    const char* tar;  ///< makes ../update.tar.gz from update.sh, payload.bin and x
+  };
+  constexpr Row kRows[] = {
+      {"climbing", "tar -czPf ../update.tar.gz --transform 's,^x$,../../../mnt/escaped,' update.sh x"},
+      {"absolute", "tar -czPf ../update.tar.gz --transform 's,^x$,/mnt/escaped,' update.sh x"},
+      {"link",
+       "ln -s /mnt l && tar -cPf ../u.tar l && rm l && mkdir l && mv x l/escaped && "
+       "tar -rPf ../u.tar l/escaped update.sh && gzip -c ../u.tar >../update.tar.gz && rm ../u.tar"},
+      {"blank", "mv x 'a b' && tar -czf ../update.tar.gz update.sh 'a b'"},
+      {"shell", "mv x 'a;touch escaped' && tar -czf ../update.tar.gz update.sh 'a;touch escaped'"},
+  };
+  board_.StartDaemon();
+  board_.StartMain();
+  for (const Row& row : kRows) {
+    const support::TempDir dir;
+    dir.Write("in/update.sh", kOkScript);
+    dir.Write("in/x", "escaped");
+    const auto tar =
+        support::RunCommand({"sh", "-c", "cd " + dir.File("in") + " && " + row.tar + " && rm -rf ../in"});
+    ASSERT_EQ(tar.status, 0) << row.name << ": " << tar.output;
+    material_.Sign(dir.path());
+    const Answer answer = board_.Request(Deliver(dir.path(), row.name));
+    EXPECT_NE(answer.result, 50994) << row.name << ": the case did not get past the digests";
+    EXPECT_FALSE(board_.Exists("/mnt/escaped")) << row.name << ": a member was written outside";
+    EXPECT_FALSE(board_.Exists("/tmp/escaped")) << row.name << ": a member's name became a command";
+  }
+  EXPECT_EQ(board_.Request(Deliver(GoodPackage("good"), "good")).result, 0);
+}
+
+TEST_F(UpdateTest, ScriptRunsUnderItsCpuLimit) {
+  if (board_.Exec({"/etc/init.d/cgrouputil.sh", "UNSET", "1", "1", "200"}).status == 3) {
+    GTEST_SKIP() << "no cgroup cpu controller is writable here";
+  }
+  board_.StartDaemon();
+  board_.StartMain();
+  std::string request = "update_request --cpu-limit 20";
+  for (const std::string& option :
+       Deliver(material_.MakePackage("busy", "#!/bin/sh\nwhile [ ! -e /mnt/go ]; do :; done\necho OK\n",
+                                     "signer", WithCrl()),
+               "busy")) {
+    request += " " + option;
+  }
+  ASSERT_EQ(board_.Shell(request + " >/tmp/answer 2>&1 &").status, 0);
+  const std::string group = "$(find /sys/fs/cgroup -type d -path '*/script_limit/p*' | head -n 1)";
+  std::string pids;
+  for (int tries = 0; tries < 500 && pids.empty(); ++tries) {
+    pids = board_.Shell("cat " + group + "/cgroup.procs </dev/null 2>/dev/null").output;
+    if (pids.empty()) (void)usleep(10000);
+  }
+  EXPECT_NE(pids, "") << "the script is in no limited group:\n" << board_.RunLog();
+  const auto quota =
+      board_.Shell("cat " + group + "/cpu.cfs_quota_us " + group + "/cpu.max 2>/dev/null").output;
+  EXPECT_EQ(quota.rfind("40000", 0), 0u) << "20 percent of a period of 200 ms, not " << quota;
+  EXPECT_THAT(board_.Shell("cat /proc/" + pids.substr(0, pids.find('\n')) + "/cmdline").output,
+              HasSubstr("update.sh"));
+  board_.Shell("touch /mnt/go");
+  for (int tries = 0; tries < 1000 && board_.Shell("test -s /tmp/answer").status != 0; ++tries)
+    (void)usleep(10000);
+  EXPECT_EQ(board_.Read("/tmp/answer").rfind("result 0 ", 0), 0u) << board_.Read("/tmp/answer");
+}
+
+TEST_F(UpdateTest, RequesterSaysHowToUseItAndWhenNobodyAnswers) {
+  EXPECT_EQ(board_.Exec({"update_request", "--script"}).status, 2);
+  EXPECT_EQ(board_.Exec({"update_request", "--cpu-limit", "fast"}).status, 2);
+  EXPECT_EQ(board_.Exec({"update_request", "--list", std::string(129, 'n')}).status, 2);
+  const auto unanswered = board_.Exec({"update_request", "--script", "/x"});
+  EXPECT_EQ(unanswered.status, 3);
+  EXPECT_THAT(unanswered.output, HasSubstr("is board_main running?"));
+}
+
+}  // namespace
+}  // namespace system_test
