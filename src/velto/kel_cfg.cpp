@@ -35,7 +35,7 @@ constexpr CfgKey kKeys[] = {
     {"dms.answer_ms", CfgKind::kNumber, 100, 60000, 5000, nullptr, nullptr,
      "how long a sender waits for the other process to take its message, in milliseconds"},
     {"dms.peer_user", CfgKind::kText, 0, 32, 0, "prorunacc", "",
-     "user whose processes may exchange messages with this one, beside its own; empty for none"},
+     "user whose processes may exchange messages with this one, beside its own and root's; empty for none"},
     {"feature.signature_enable", CfgKind::kNumber, 0, 0xFFFFFFFF, 0x00020001, nullptr, nullptr,
      "enable word of the package signature check"},
     {"feature.expired_crl", CfgKind::kChoice, 0, 0, 0, "refuse", "refuse|enforce",
@@ -103,11 +103,12 @@ bool IsOneOf(string_view word, string_view choices) {
   return false;
 }
 
+/// Free of what a terminal would obey when the line is printed; a tab is a blank.
 bool IsPlain(string_view text) {
-  for (const char c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) == 0x7F) return false;
-  }
-  return true;
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte >= 0x20 && byte != 0x7F) || byte == '\t';
+  });
 }
 
 /// Always false, so that a check can return it.

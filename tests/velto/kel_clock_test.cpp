@@ -1,0 +1,116 @@
+#include "velto/kel_clock.h"
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+
+#include "velto/kel_support.h"
+#include "velto/kel_sync.h"
+
+namespace {
+
+constexpr uint64_t kMs = 1'000'000;
+constexpr uint32_t kTenMinutes = 600'000;
+
+double RealSecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST(KelClock, ManualTimeStandsUntilItIsMovedAndGoesOnFromThereInRealMode) {
+  const uint64_t before = KEL_ClockMonotonicNs();
+  uint64_t moved = 0;
+  {
+    const ClockModeScope manual(kKelClockManual);
+    const uint64_t stopped = KEL_ClockMonotonicNs();
+    EXPECT_GE(stopped, before) << "the switch took time back";
+    EXPECT_EQ(KEL_ClockMonotonicNs(), stopped) << "manual time moved by itself";
+    const uint64_t wall = KEL_ClockWallNs();
+    KEL_ClockAdvanceMs(kTenMinutes);
+    moved = KEL_ClockMonotonicNs();
+    EXPECT_EQ(moved - stopped, kTenMinutes * kMs);
+    EXPECT_EQ(KEL_ClockWallNs() - wall, kTenMinutes * kMs) << "the wall clock was left behind";
+    KEL_ClockWallSetNs(1000);
+    EXPECT_EQ(KEL_ClockWallNs(), 1000u);
+    EXPECT_EQ(KEL_ClockMonotonicNs(), moved) << "setting the wall clock moved the monotonic one";
+  }
+  const uint64_t now = KEL_ClockMonotonicNs();
+  EXPECT_GE(now, moved) << "back in real mode the moved time was lost";
+  KEL_ClockAdvanceMs(kTenMinutes);
+  EXPECT_LT(KEL_ClockMonotonicNs() - now, kTenMinutes * kMs) << "real time can be moved";
+}
+
+TEST(KelClock, AutoAdvanceMakesDelaysMoveTheTimeAndReturn) {
+  const ClockModeScope automatic(kKelClockAutoAdvance);
+  const auto start = std::chrono::steady_clock::now();
+  const uint64_t before = KEL_ClockMonotonicNs();
+  for (int i = 0; i < 100; ++i) KEL_TaskDelay(30'000);
+  EXPECT_EQ(KEL_ClockMonotonicNs() - before, 3'000'000 * kMs);
+  EXPECT_LT(RealSecondsSince(start), 20.0) << "a delay slept";
+}
+
+// The wait begins on the machine's clock: only a switch that reaches it lets the moved time end it.
+TEST(KelClock, AWaitOfTenMinutesAdaptsToTheSwitchAndEndsWhenTheTimeHasBeenMoved) {
+  uint32_t sema = 0;
+  ASSERT_EQ(KEL_SemaCreate("ten minutes", 0, 0, &sema), 0u);
+  const auto start = std::chrono::steady_clock::now();
+  std::atomic<uint32_t> result{1};
+  std::atomic<bool> done{false};
+  TestTask waiter("waiter", [&] {
+    result = KEL_SemaP(sema, kTenMinutes);
+    done = true;
+  });
+  const ClockModeScope manual(kKelClockManual);
+  KEL_ClockAdvanceMs(kTenMinutes / 2);
+  EXPECT_FALSE(done) << "five minutes ended a wait of ten";
+  EXPECT_TRUE(Eventually([&] {
+    KEL_ClockAdvanceMs(kTenMinutes);  // again and again: the task may not wait yet
+    return done.load();
+  }));
+  EXPECT_EQ(result, kKelErrTimeout);
+  EXPECT_LT(RealSecondsSince(start), 30.0);
+  waiter.Join();
+  EXPECT_EQ(KEL_SemaDelete(sema), 0u);
+}
+
+TEST(KelClock, AWaitThatBeganOnTheManualClockEndsByTheRealOne) {
+  std::atomic<bool> done{false};
+  KEL_ClockModeSet(kKelClockManual);
+  TestTask sleeper("sleeper", [&] {
+    KEL_TaskDelay(5);
+    done = true;
+  });
+  EXPECT_FALSE(done) << "manual time ran";
+  KEL_ClockModeSet(kKelClockReal);
+  EXPECT_TRUE(Eventually([&] { return done.load(); })) << "the sleeper still waits for manual time";
+}
+
+TEST(KelClock, RealDelayLastsAtLeastItsTime) {
+  const auto start = std::chrono::steady_clock::now();
+  KEL_TaskDelay(15);
+  EXPECT_GE(RealSecondsSince(start), 0.015);
+}
+
+TEST(KelTick, ArithmeticOnHalvesCarriesBorrowsAndRefusesWhatDoesNotFit) {
+  uint32_t high = 7;
+  uint32_t low = 7;
+  uint32_t rest = 7;
+  EXPECT_EQ(KEL_64Sub64(2, 0, 0, 1, &high, &low), 0u);
+  EXPECT_EQ(high, 1u);
+  EXPECT_EQ(low, 0xFFFFFFFFu) << "the borrow was lost";
+  EXPECT_EQ(KEL_64Add64(1, 0xFFFFFFFF, 0, 1, &high, &low), 0u);
+  EXPECT_EQ(high, 2u) << "the carry was lost";
+  EXPECT_EQ(low, 0u);
+  EXPECT_EQ(KEL_64Div32(3, 7, 50000, &high, &low, &rest), 0u);
+  EXPECT_EQ((uint64_t{high} << 32 | low) * 50000 + rest, (uint64_t{3} << 32) + 7);
+  EXPECT_LT(rest, 50000u);
+
+  high = low = rest = 7;
+  EXPECT_EQ(KEL_64Sub64(1, 0, 1, 1, &high, &low), 1u) << "a negative difference";
+  EXPECT_EQ(KEL_64Add64(0xFFFFFFFF, 0xFFFFFFFF, 0, 1, &high, &low), 1u) << "a sum of 65 bits";
+  EXPECT_EQ(KEL_64Div32(1, 1, 0, &high, &low, &rest), 1u);
+  EXPECT_EQ(high + low + rest, 21u) << "a refused operation stored something";
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+#include "velto/kel_mem.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp_dir.h"
+#include "velto/kel_cfg.h"
+#include "velto/kel_support.h"
+
+namespace {
+
+struct Use {
+  uint64_t bytes = 99;
+  uint64_t count = 99;
+  explicit Use(uint32_t handle) { EXPECT_EQ(KEL_HandleUseGet(handle, &bytes, &count), 0u); }
+};
+
+uint32_t Handle(const char* name) {
+  uint32_t handle = 0;
+  EXPECT_EQ(KEL_HandleInitialize(name, &handle), 0u);
+  return handle;
+}
+
+TEST(KelMem, EachAllocationIsCountedUnderItsHandleAndPlace) {
+  const uint32_t first = Handle("mem_first");
+  const uint32_t second = Handle("mem_second");
+  EXPECT_NE(first, second);
+  EXPECT_EQ(Handle("mem_first"), first) << "one name, two handles";
+  const uint32_t freeBefore = KEL_MemGetFreeSize();
+  void* small = KEL_MEM_ALLOC(first, 3);
+  void* none = KEL_MEM_ALLOC(first, 0);
+  void* other = KEL_MemAlloc_F(second, 0, 1000, "there.cpp", 77);
+  ASSERT_TRUE(small != nullptr && none != nullptr && other != nullptr);
+  for (void* memory : {small, none, other}) {
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignof(std::max_align_t), 0u);
+  }
+  memset(other, 0xA5, 1000);
+  EXPECT_EQ(Use(first).bytes, 3u);
+  EXPECT_EQ(Use(first).count, 2u);
+  EXPECT_EQ(Use(second).bytes, 1000u);
+  EXPECT_EQ(freeBefore - KEL_MemGetFreeSize(), 1003u);
+
+  std::map<std::string, std::string> live;  // by handle
+  KEL_MemLiveWalk(
+      [](const KelMemLive* at, uintptr_t arg) {
+        (*reinterpret_cast<decltype(live)*>(arg))[at->handle] =
+            std::string(at->file) + ":" + std::to_string(at->line) + " " + std::to_string(at->size);
+      },
+      reinterpret_cast<uintptr_t>(&live));
+  EXPECT_EQ(live["mem_second"], "there.cpp:77 1000");
+
+  for (void* memory : {small, none, other}) KEL_MEM_FREE(memory);
+  KEL_MEM_FREE(nullptr);
+  EXPECT_EQ(Use(first).count, 0u);
+  EXPECT_EQ(KEL_MemGetFreeSize(), freeBefore);
+}
+
+TEST(KelMem, UnknownHandlesPartitionsAndNamesAreRefused) {
+  const uint32_t handle = Handle("mem_known");
+  EXPECT_EQ(KEL_MEM_ALLOC(0, 8), nullptr);
+  EXPECT_EQ(KEL_MEM_ALLOC(9999, 8), nullptr);
+  EXPECT_EQ(KEL_MemAlloc_F(handle, 1, 8, __FILE__, __LINE__), nullptr);
+  uint32_t none = 0;
+  EXPECT_EQ(KEL_HandleInitialize(std::string(32, 'h').c_str(), &none), kKelErrMemPara);
+  EXPECT_EQ(KEL_HandleInitialize(std::string(31, 'h').c_str(), &none), 0u);
+}
+
+TEST(KelMem, TheBudgetIsUsedToTheLastByteAndNeverPassed) {
+  const support::TempDir dir;
+  ASSERT_EQ(KEL_CfgdbInitByFsldr(dir.Write("budget", "mem.budget_bytes=65536\n").c_str()), 0u);
+  const uint32_t handle = Handle("mem_budget");
+  EXPECT_EQ(KEL_MemGetTotalSize(), 65536u);
+  ASSERT_EQ(KEL_MemGetFreeSize(), 65536u) << "another case left memory behind";
+  void* most = KEL_MEM_ALLOC(handle, 65535);
+  ASSERT_NE(most, nullptr);
+  EXPECT_EQ(KEL_MEM_ALLOC(handle, 2), nullptr);
+  EXPECT_EQ(KEL_MEM_ALLOC(handle, 0xFFFFFFFF), nullptr);
+  EXPECT_EQ(KEL_MemGetFreeSize(), 1u) << "a refused allocation was charged";
+  void* last = KEL_MEM_ALLOC(handle, 1);
+  EXPECT_NE(last, nullptr);
+  KEL_MEM_FREE(last);
+  KEL_MEM_FREE(most);
+  ASSERT_EQ(KEL_CfgdbInitByFsldr(dir.Write("defaults", "").c_str()), 0u);
+}
+
+TEST(KelMem, ThreadsThatTakeAndGiveBackCountToZero) {
+  const uint32_t handle = Handle("mem_threads");
+  const uint32_t freeBefore = KEL_MemGetFreeSize();
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::vector<std::thread> threads;
+  for (uint32_t i = 0; i < 4; ++i) {
+    threads.emplace_back([=] {
+      std::mt19937 random(seed + i);
+      std::vector<void*> held(64, nullptr);
+      for (int step = 0; step < 20000; ++step) {
+        void*& place = held[Below(random, 64)];
+        KEL_MEM_FREE(place);
+        place = KEL_MEM_ALLOC(handle, Below(random, 300));
+        ASSERT_NE(place, nullptr);
+      }
+      for (void* place : held) KEL_MEM_FREE(place);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(Use(handle).count, 0u);
+  EXPECT_EQ(KEL_MemGetFreeSize(), freeBefore);
+}
+
+TEST(KelMemDeathTest, ASecondAForeignAndAnUnderrunGiveBackEndTheProcessWithTheirPlace) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  const uint32_t handle = Handle("mem_death");
+  EXPECT_DEATH(
+      {
+        void* memory = KEL_MEM_ALLOC(handle, 8);
+        KEL_MEM_FREE(memory);
+        KEL_MemFree_F(memory, "culprit.cpp", 12);
+      },
+      "culprit.cpp:12: .*given back before");
+  EXPECT_DEATH(
+      {
+        int onStack = 0;
+        KEL_MemFree_F(&onStack, "culprit.cpp", 13);
+      },
+      "culprit.cpp:13: .*not live tagged memory");
+  EXPECT_DEATH(
+      {
+        auto* memory = static_cast<volatile char*>(KEL_MEM_ALLOC(handle, 8));
+        for (int i = 1; i <= 16; ++i) memory[-i] = 'x';
+        KEL_MemFree_F(const_cast<char*>(memory), "culprit.cpp", 14);
+      },
+      "culprit.cpp:14: .*overwritten");
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "velto/kel_support.h"
+#include "velto/kel_sync.h"
+
+namespace {
+
+uint32_t Count(uint32_t queue) {
+  uint32_t count = 0xFFFFFFFF;
+  EXPECT_EQ(KEL_QueueMsgNumGet(queue, &count), 0u);
+  return count;
+}
+
+/// Entries of any size whose bytes all follow from one number.
+struct Entry {
+  std::array<uint8_t, 64> bytes;
+
+  Entry(uint32_t number, uint32_t size) : bytes{} {
+    for (uint32_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>((number >> 8 * (i % 4)) + i);
+  }
+  bool operator==(const Entry&) const = default;
+};
+
+// Random writes, reads and changes of length on one queue, against a deque.
+void PlayAgainstModel(std::mt19937& random, uint32_t entrySize) {
+  uint32_t length = Below(random, 20) + 1;
+  uint32_t queue = 0;
+  ASSERT_EQ(KEL_QueueCreate("model", length, entrySize, &queue), 0u);
+  std::deque<Entry> model;
+  for (uint32_t step = 0; step < 3000; ++step) {
+    const uint32_t choice = Below(random, 100);
+    if (choice < 50) {
+      const Entry entry(step, entrySize);
+      const bool fits = model.size() < length;
+      ASSERT_EQ(KEL_QueueAsyWrite(queue, entry.bytes.data(), entrySize), fits ? 0u : kKelErrQueueFull)
+          << "step " << step << ", " << model.size() << " of " << length << " entries";
+      if (fits) model.push_back(entry);
+    } else if (choice < 98) {
+      Entry entry(0, 0);
+      uint32_t size = 99;
+      const uint32_t result = KEL_QueueAsyRead(queue, entry.bytes.data(), entrySize, &size);
+      ASSERT_EQ(result, model.empty() ? kKelErrQueueEmpty : 0u) << "step " << step;
+      ASSERT_EQ(size, model.empty() ? 0 : entrySize);
+      if (model.empty()) continue;
+      ASSERT_TRUE(entry == model.front()) << "order or bytes went wrong in step " << step;
+      model.pop_front();
+    } else {
+      length = Below(random, 100) + 1;
+      ASSERT_EQ(KEL_QueueLengthSet(queue, length), 0u);
+    }
+    ASSERT_EQ(Count(queue), model.size()) << "step " << step;
+  }
+  EXPECT_EQ(KEL_QueueDelete(queue), 0u);
+}
+
+TEST(KelQueue, BehavesAsADequeOfBoundedLength) {
+  const uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  for (const uint32_t entrySize : {1u, 4u, 8u, 13u, 64u}) {
+    SCOPED_TRACE("entry size " + std::to_string(entrySize));
+    PlayAgainstModel(random, entrySize);
+    if (HasFatalFailure()) return;
+  }
+}
+
+TEST(KelQueue, WrongUseChangesNothing) {
+  uint32_t queue = 0;
+  EXPECT_EQ(KEL_QueueCreate("q", 0, 8, &queue), kKelErrSyncPara);
+  EXPECT_EQ(KEL_QueueCreate("q", 1, 65, &queue), kKelErrSyncPara);
+  ASSERT_EQ(KEL_QueueCreate("q", 1, 8, &queue), 0u);
+  uint64_t entry = 1;
+  uint32_t size = 99;
+  EXPECT_EQ(KEL_QueueAsyWrite(queue, &entry, 4), kKelErrQueueSize);
+  EXPECT_EQ(Count(queue), 0u);
+  ASSERT_EQ(KEL_QueueAsyWrite(queue, &entry, 8), 0u);
+  EXPECT_EQ(KEL_QueueAsyRead(queue, &entry, 4, &size), kKelErrQueueSize);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(Count(queue), 1u);
+  EXPECT_EQ(KEL_QueueDelete(queue), 0u);
+  EXPECT_EQ(KEL_QueueAsyWrite(queue, &entry, 8), kKelErrSyncId);
+}
+
+// Writers and readers on one small queue that grows meanwhile: every entry comes out once, each writer's in
+// order.
+TEST(KelQueue, ManyWritersAndReadersLoseAndDoubleNothing) {
+  constexpr uint32_t kWriters = 3;
+  constexpr uint32_t kReaders = 2;
+  constexpr uint32_t kEach = 20000;
+  uint32_t queue = 0;
+  ASSERT_EQ(KEL_QueueCreate("crowd", 3, sizeof(uint64_t), &queue), 0u);
+  std::atomic<uint32_t> left{kWriters * kEach};
+  std::vector<std::vector<uint64_t>> got(kReaders);
+  std::vector<std::thread> threads;
+  for (uint32_t writer = 0; writer < kWriters; ++writer) {
+    threads.emplace_back([=] {
+      for (uint32_t number = 0; number < kEach; ++number) {
+        const uint64_t entry = uint64_t{writer} << 32 | number;
+        while (KEL_QueueAsyWrite(queue, &entry, sizeof(entry)) != 0) std::this_thread::yield();
+      }
+    });
+  }
+  for (uint32_t reader = 0; reader < kReaders; ++reader) {
+    threads.emplace_back([&, reader] {
+      uint64_t entry = 0;
+      uint32_t size = 0;
+      while (left != 0) {
+        if (KEL_QueueAsyRead(queue, &entry, sizeof(entry), &size) != 0) {
+          std::this_thread::yield();
+          continue;
+        }
+        got[reader].push_back(entry);
+        --left;
+      }
+    });
+  }
+  for (const uint32_t length : {5u, 2u, 40u, 200u, 7u}) {
+    for (int i = 0; i < 500; ++i) std::this_thread::yield();
+    EXPECT_EQ(KEL_QueueLengthSet(queue, length), 0u);
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  std::vector<uint32_t> seen(kWriters * kEach, 0);
+  for (const std::vector<uint64_t>& entries : got) {
+    std::array<int64_t, kWriters> last;
+    last.fill(-1);
+    for (const uint64_t entry : entries) {
+      const auto writer = static_cast<uint32_t>(entry >> 32);
+      const auto number = static_cast<uint32_t>(entry);
+      ASSERT_LT(writer, kWriters) << "an entry that nobody wrote";
+      ASSERT_GT(number, last[writer]) << "one reader saw a writer's entries out of order";
+      last[writer] = number;
+      ++seen[writer * kEach + number];
+    }
+  }
+  for (uint32_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i], 1u) << "entry " << i << " lost or doubled";
+  EXPECT_EQ(Count(queue), 0u);
+  EXPECT_EQ(KEL_QueueDelete(queue), 0u);
+}
+
+// A post is a write and then an event: a receiver that drains its queue at each event has missed none at the
+// end.
+TEST(KelQueue, WithEventsEveryPostIsReceived) {
+  constexpr uint32_t kPosts = 50000;
+  uint32_t queue = 0;
+  ASSERT_EQ(KEL_QueueCreate("posts", 64, sizeof(uint32_t), &queue), 0u);
+  std::atomic<uint32_t> received{0};
+  TestTask receiver("receiver", [&] {
+    while (received < kPosts) {
+      uint32_t bits = 0;
+      ASSERT_EQ(KEL_EventRead(1, &bits, kKelEventAny, 60'000), 0u)
+          << "stopped after " << received << " posts";
+      uint32_t number = 0;
+      uint32_t size = 0;
+      while (KEL_QueueAsyRead(queue, &number, sizeof(number), &size) == 0) ASSERT_EQ(number, received++);
+    }
+  });
+  for (uint32_t number = 0; number < kPosts; ++number) {
+    while (KEL_QueueAsyWrite(queue, &number, sizeof(number)) != 0) std::this_thread::yield();
+    const uint32_t result = KEL_EventWrite(receiver.id(), 1);
+    if (number + 1 == kPosts) break;  // the receiver may be done already
+    ASSERT_EQ(result, 0u);
+  }
+  receiver.Join();
+  EXPECT_EQ(KEL_QueueDelete(queue), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "velto/kel_cfg.h"
+#include "velto/kel_support.h"
+#include "velto/kel_sync.h"
+
+namespace {
+
+/// Counts its calls, and can hold a call back.
+struct Probe {
+  std::atomic<uint32_t> calls{0};
+  std::atomic<bool> inside{false};
+  std::atomic<bool> hold{false};
+  uint32_t timer = 0;
+
+  static void Call(uintptr_t arg) {
+    auto& probe = *reinterpret_cast<Probe*>(arg);
+    probe.inside = true;
+    while (probe.hold) std::this_thread::yield();
+    ++probe.calls;
+    probe.inside = false;
+  }
+  [[nodiscard]] uint32_t Start(uint32_t intervalMs, uint32_t mode) {
+    return KEL_ReltmrCbkStart(intervalMs, mode, Call, reinterpret_cast<uintptr_t>(this), &timer);
+  }
+};
+
+class KelTimerTest : public testing::Test {
+ protected:
+  /// Moves the time and lets the timer thread finish what became due.
+  static void Advance(uint64_t milliseconds) {
+    KEL_ClockAdvanceMs(milliseconds);
+    Probe fence;
+    ASSERT_EQ(fence.Start(1, kKelTimerOnce), 0u);
+    KEL_ClockAdvanceMs(1);
+    ASSERT_TRUE(Eventually([&] { return fence.calls == 1; }));
+    EXPECT_TRUE(KEL_ReltmrStop(fence.timer) == kKelErrSyncId || fence.calls == 1);
+  }
+
+  ClockModeScope manual_{kKelClockManual};
+};
+
+TEST_F(KelTimerTest, OnceIsOnceAndRepeatKeepsItsRhythm) {
+  Probe once;
+  Probe repeat;
+  ASSERT_EQ(once.Start(100, kKelTimerOnce), 0u);
+  ASSERT_EQ(repeat.Start(50, kKelTimerRepeat), 0u);
+  Advance(48);
+  EXPECT_EQ(once.calls + repeat.calls, 0u) << "called before the time";
+  Advance(1);  // 51 with the fences
+  EXPECT_EQ(repeat.calls, 1u);
+  Advance(49);  // 101
+  EXPECT_EQ(repeat.calls, 2u) << "the late first call shifted the rhythm";
+  EXPECT_EQ(once.calls, 1u);
+  Advance(1000);
+  EXPECT_EQ(once.calls, 1u);
+  EXPECT_EQ(repeat.calls, 3u) << "missed expiries are made up for by one call";
+  EXPECT_EQ(KEL_ReltmrStop(once.timer), kKelErrSyncId);
+  EXPECT_EQ(KEL_ReltmrStop(repeat.timer), 0u);
+  EXPECT_EQ(KEL_ReltmrStop(repeat.timer), kKelErrSyncId);
+  Advance(1000);
+  EXPECT_EQ(repeat.calls, 3u) << "a stopped timer was called";
+}
+
+TEST_F(KelTimerTest, StopReturnsOnlyWhenNoCallbackRuns) {
+  Probe probe;
+  probe.hold = true;
+  ASSERT_EQ(probe.Start(1, kKelTimerRepeat), 0u);
+  KEL_ClockAdvanceMs(1);
+  ASSERT_TRUE(Eventually([&] { return probe.inside.load(); }));
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    EXPECT_EQ(KEL_ReltmrStop(probe.timer), 0u);
+    EXPECT_FALSE(probe.inside) << "the callback still runs: its data may be gone";
+    stopped = true;
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  EXPECT_FALSE(stopped);
+  probe.hold = false;
+  stopper.join();
+  EXPECT_EQ(probe.calls, 1u);
+}
+
+TEST_F(KelTimerTest, ACallbackMayStopItselfAndStartAnother) {
+  static std::atomic<uint32_t> gFirstCalls;
+  static std::atomic<uint32_t> gFirst;
+  static Probe* gNext;
+  gFirstCalls = 0;
+  Probe next;
+  gNext = &next;
+  uint32_t first = 0;
+  ASSERT_EQ(KEL_ReltmrCbkStart(
+                10, kKelTimerRepeat,
+                [](uintptr_t) {
+                  ++gFirstCalls;
+                  EXPECT_EQ(KEL_ReltmrStop(gFirst), 0u);
+                  EXPECT_EQ(gNext->Start(10, kKelTimerRepeat), 0u);
+                },
+                0, &first),
+            0u);
+  gFirst = first;
+  Advance(10);
+  EXPECT_EQ(gFirstCalls, 1u);
+  Advance(30);
+  EXPECT_EQ(gFirstCalls, 1u) << "it stopped itself in vain";
+  EXPECT_GE(next.calls, 1u);
+  EXPECT_EQ(KEL_ReltmrStop(next.timer), 0u);
+}
+
+TEST_F(KelTimerTest, TheTableFillsAndWrongArgumentsAreRefused) {
+  std::vector<Probe> probes(200);
+  size_t started = 0;
+  uint32_t result = 0;
+  while (started < probes.size() && (result = probes[started].Start(1000, kKelTimerOnce)) == 0) ++started;
+  EXPECT_EQ(result, kKelErrSyncFull);
+  EXPECT_GE(started, 100u);
+  for (size_t i = 0; i < started; ++i) EXPECT_EQ(KEL_ReltmrStop(probes[i].timer), 0u);
+  Probe probe;
+  EXPECT_EQ(probe.Start(0, kKelTimerOnce), kKelErrSyncPara);
+  EXPECT_EQ(probe.Start(1, 2), kKelErrSyncPara);
+  EXPECT_EQ(KEL_ReltmrStop(0), kKelErrSyncId);
+}
+
+TEST_F(KelTimerTest, EachWakeAsksTheTickHookAndAddsWhatItSays) {
+  uint32_t high = 0;
+  uint32_t before = 0;
+  ASSERT_EQ(KEL_UserTickGet(&high, &before), 0u);
+  __atomic_store_n(
+      &g_pfnUsrAdjustHook, +[]() -> uint32_t { return 7; }, __ATOMIC_RELEASE);
+  Advance(1);
+  Advance(1);
+  __atomic_store_n(&g_pfnUsrAdjustHook, nullptr, __ATOMIC_RELEASE);
+  uint32_t after = 0;
+  ASSERT_EQ(KEL_UserTickGet(&high, &after), 0u);
+  EXPECT_GE(after - before, 14u);
+  EXPECT_EQ((after - before) % 7, 0u);
+}
+
+}  // namespace
