@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <initializer_list>
+#include <optional>
 #include <string_view>
 
 #include "boundscheck/securec.h"
@@ -71,18 +73,18 @@ class SignalHandling {
   struct sigaction old_ = {};
 };
 
-/// Blocks SIGCHLD for the calling thread while it lives.
-class ChildSignalBlock {
+/// Blocks signals for the calling thread while it lives.
+class SignalBlock {
  public:
-  ChildSignalBlock() {
+  SignalBlock(std::initializer_list<int> numbers) {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGCHLD);
+    for (const int number : numbers) sigaddset(&set, number);
     (void)pthread_sigmask(SIG_BLOCK, &set, &old_);  // fails only for arguments that it does not have here
   }
-  ~ChildSignalBlock() { (void)pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
-  ChildSignalBlock(const ChildSignalBlock&) = delete;
-  ChildSignalBlock& operator=(const ChildSignalBlock&) = delete;
+  ~SignalBlock() { (void)pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
+  SignalBlock(const SignalBlock&) = delete;
+  SignalBlock& operator=(const SignalBlock&) = delete;
   const sigset_t& old() const { return old_; }
 
  private:
@@ -117,12 +119,15 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) pid_t S
 }
 
 ChildEnd RunChild(const ChildPlan& plan, const sigset_t& mask) {
+  // A child may raise them before they are ignored; from then on a blocked one would be kept, not dropped.
+  std::optional<SignalBlock> untilIgnored(std::in_place, {SIGINT, SIGQUIT});
   errno = 0;
   const pid_t pid = StartChild(plan, mask);
   if (pid < 0) return {false, 0, errno};
 
   const SignalHandling noInterrupt(SIGINT, SIG_IGN);
   const SignalHandling noQuit(SIGQUIT, SIG_IGN);
+  untilIgnored.reset();
   int status = 0;
   pid_t ended;
   do {
@@ -140,7 +145,7 @@ uint32_t RunShell(const char* command, const Identity* identity, bool logsText) 
   if (HasNothingToRun(command)) return 1;
   char* const arguments[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command),
                              nullptr};
-  const ChildSignalBlock blocked;
+  const SignalBlock blocked{SIGCHLD};
   const SignalHandling reapable(SIGCHLD, SIG_DFL);  // an ignored SIGCHLD would take the child's status away
   const ChildEnd end = RunChild({"sh", arguments, identity}, blocked.old());
   if (end.waited && end.status == 0) return 0;
@@ -167,7 +172,7 @@ struct Caller {
 uint32_t RunProgram(const Caller& caller, char* const* arguments) {
   const char* program = arguments[0];
   const ChildEnd end = [&] {
-    const ChildSignalBlock blocked;
+    const SignalBlock blocked{SIGCHLD};
     return RunChild({program, arguments, nullptr}, blocked.old());
   }();
   if (!end.waited) {
