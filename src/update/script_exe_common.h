@@ -1,7 +1,8 @@
 /// Takes a script out of its update package, a tar.gz archive, with the system's tar.
 ///
-/// The package is unpacked beside itself. tar strips leading "/" and "../" from member names and follows no
-/// link that the same archive brought, so nothing is written outside the package's directory.
+/// The package is unpacked beside itself. tar takes the leading "/" off member names, refuses those with ".."
+/// in them and does not write through links that the same archive brought, so nothing lands outside the
+/// package's directory.
 #pragma once
 
 #include <stddef.h>

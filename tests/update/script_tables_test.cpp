@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <random>
+
+#include "update/script_exe_ids.h"
+#include "update/script_feature_id.h"
+#include "update/script_record.h"
+#include "update/update_result.h"
+#include "update_fixture.h"
+
+namespace {
+
+class FeatureIdTest : public update_test::UpdateTest {};
+
+TEST_F(FeatureIdTest, IsReadInEveryBaseFromTheFirstLineThatDeclaresIt) {
+  const struct {
+    const char* text;
+    uint32_t id;
+  } cases[] = {
+      {"# FeatureID=12\n", 12},
+      {"#!/bin/sh\nFeatureID=0x1F\r\nFeatureID=99\n", 31},
+      {"FeatureID=010", 8},
+      {"FeatureID=4294967295\n", 4294967295u},
+      {"FeatureID=4294967296\n", 4294967295u},  // not 0 with the upper bits lost
+      {"FeatureID=\n", 0},
+      {"FeatureID=seven\n", 0},
+      {"featureid=5\n", 0},
+      {"", 0},
+  };
+  for (const auto& c : cases) {
+    const std::string path = dir_.Write("script.sh", c.text);
+    uint32_t id = 77;
+    (void)ParsingFeatureIdFromFile(path.c_str(), id);
+    EXPECT_EQ(id, c.id) << c.text;
+    EXPECT_EQ(CheckFeatureIdFromFile(path.c_str(), c.id), 0u) << c.text;
+    if (c.id == UINT32_MAX) continue;
+    EXPECT_EQ(CheckFeatureIdFromFile(path.c_str(), c.id + 1), kExeErrFeatureId) << c.text;
+  }
+  EXPECT_EQ(CheckFeatureIdFromFile(dir_.File("absent").c_str(), 1), kExeErrFeatureId);
+}
+
+TEST_F(FeatureIdTest, ASearchGoesOnBehindTheLineThatWasFound) {
+  const std::string path = dir_.Write("keys", std::string(130, 'x') + "\nKey=one\r\nother\n  Key=two");
+  FILE* file = fopen(path.c_str(), "r");
+  ASSERT_NE(file, nullptr);
+  int64_t offset = 0;
+  char value[129];
+  ASSERT_EQ(GetKeyValue(file, offset, "Key=", value, sizeof(value)), 0u);
+  EXPECT_STREQ(value, "one");
+  char small[3];
+  int64_t second = offset;
+  EXPECT_EQ(GetKeyValue(file, second, "Key=", small, sizeof(small)), 1u) << "a value was cut";
+  ASSERT_EQ(GetKeyValue(file, offset, "Key=", value, sizeof(value)), 0u);
+  EXPECT_STREQ(value, "two");
+  EXPECT_EQ(GetKeyValue(file, offset, "Key=", value, sizeof(value)), 1u);
+  EXPECT_EQ(fclose(file), 0);
+}
+
+/// The table against a plain history: it remembers the last six saves.
+TEST(ScriptRecordsTest, RemembersTheLastSixResultsLikeAHistoryDoes) {
+  const uint32_t seed = std::random_device()();
+  std::mt19937 random(seed);
+  for (int round = 0; round < 200; ++round) {
+    ScriptExeRecords records;
+    std::deque<std::pair<uint16_t, uint16_t>> history;
+    for (int step = 0; step < 40; ++step) {
+      const auto seqNo = static_cast<uint16_t>(random() % 12 + 1);
+      uint16_t result = 0xDEAD;
+      const auto known = std::find_if(history.begin(), history.end(),
+                                      [&](const auto& entry) { return entry.first == seqNo; });
+      const bool found = records.Find(seqNo, result);
+      ASSERT_EQ(found, known != history.end()) << "seed " << seed << ", sequence number " << seqNo;
+      ASSERT_TRUE(!found || result == known->second) << "seed " << seed;
+      ASSERT_EQ(records.Find(0, result), history.size() < 6) << "seed " << seed << ": request 0, free slots";
+      if (found) continue;  // the executor answers a known request and saves nothing
+      const auto value = static_cast<uint16_t>(random());
+      records.Save(seqNo, value);
+      history.emplace_back(seqNo, value);
+      if (history.size() > 6) history.pop_front();
+    }
+  }
+}
+
+TEST(UpdateResultTest, EveryCodeOfTheExchangeHasItsMeaning) {
+  for (const int code :
+       {0, 1, 37, 9474, 9476, 9499, 9599, 9600, 9601, 9602, 9603, 17665, 17667, 50987, 50994, 50996}) {
+    EXPECT_NE(FindUpdateResult(static_cast<uint16_t>(code)), nullptr) << code;
+  }
+  EXPECT_EQ(FindUpdateResult(2), nullptr);
+  EXPECT_STREQ(UpdateResultText(65535), "unknown result");
+}
+
+}  // namespace
