@@ -104,8 +104,8 @@ TEST_F(UpdateTest, SpoiltMaterialIsRefusedWithItsCodeAndTheNextRequestIsServed) 
 
 TEST_F(UpdateTest, SignersAreJudgedByRootRevocationAndExpiry) {
   const std::string pki = material_.Pki();
-  material_.Pack({"dev-pki", "signer", "revoked", "--pki", pki});
-  material_.Pack({"dev-pki", "revoke", "revoked", "--pki", pki});
+  material_.Pack({"dev-pki", "signer", "withdrawn", "--pki", pki});
+  material_.Pack({"dev-pki", "revoke", "withdrawn", "--pki", pki});
   material_.Pack({"dev-pki", "crl", "--pki", pki});
   material_.Pack({"dev-pki", "signer", "expired", "--pki", pki, "--expired"});
   const Material foreign;
@@ -117,8 +117,9 @@ TEST_F(UpdateTest, SignersAreJudgedByRootRevocationAndExpiry) {
   }
   board_.StartDaemon();
   board_.StartMain();
-  for (const char* signer : {"revoked", "expired", "foreign"}) {
-    const std::string dir = material_.MakePackage(signer, kOkScript, signer, WithCrl());
+  for (const char* signer : {"withdrawn", "expired", "foreign"}) {
+    const std::string dir = material_.MakePackage(signer, kOkScript, signer);
+    std::filesystem::copy_file(pki + "/root.crl", dir + "/filelist.crl");
     const Answer answer = board_.Request(Deliver(dir, signer));
     EXPECT_EQ(answer.result, 50987) << signer << ": " << answer.text;
   }

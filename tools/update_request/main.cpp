@@ -56,7 +56,7 @@ void PrintResult(const RequestOptions& options, uint32_t result) {
     (void)printf("{\"answered\":true,\"result\":%u,\"name\":\"%s\",\"meaning\":\"%s\"}\n", result, name,
                  meaning);
   } else {
-    (void)printf("result %u (%#x) %s: %s\n", result, result, name, meaning);
+    (void)printf("result %u (%#x): %s\n", result, result, meaning);
   }
 }
 
