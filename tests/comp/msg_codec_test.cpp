@@ -1,0 +1,255 @@
+/// The codec against bytes written down by hand, at every number of remaining bytes.
+#include "comp/msg_codec.h"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+namespace {
+
+using ::testing::ElementsAreArray;
+using Bytes = std::vector<uint8_t>;
+
+Bytes Reversed(const Bytes& bytes) {
+  return {bytes.rbegin(), bytes.rend()};
+}
+
+template <class T>
+using Setter = uint32_t (*)(T, unsigned char*&, unsigned int&);
+template <class T>
+using Getter = uint32_t (*)(unsigned char*&, unsigned int&, T&);
+
+enum class Short { kKeeps, kZeroes };
+
+/// Sets and gets `value` with every number of bytes from none to one more than needed.
+template <class T>
+void CheckValue(const char* name, Setter<T> set, Getter<T> get, T value, const Bytes& wire, Short onShort) {
+  SCOPED_TRACE(name);
+  const T before = static_cast<T>(77);
+  for (unsigned int room = 0; room <= wire.size() + 1; ++room) {
+    SCOPED_TRACE(room);
+    const bool fits = room >= wire.size();
+    const unsigned int used = fits ? static_cast<unsigned int>(wire.size()) : 0;
+
+    Bytes out(room, 0xEE);
+    unsigned char* cursor = out.data();
+    unsigned int remaining = room;
+    EXPECT_EQ(set(value, cursor, remaining), fits ? 0u : 1u);
+    EXPECT_EQ(cursor - out.data(), used);
+    EXPECT_EQ(remaining, room - used);
+    Bytes expected(room, 0xEE);
+    std::copy_n(wire.begin(), used, expected.begin());
+    EXPECT_EQ(out, expected) << "wrong order, or a byte written that is not the value's";
+
+    Bytes in(wire);
+    in.resize(room, 0xEE);
+    cursor = in.data();
+    remaining = room;
+    T got = before;
+    EXPECT_EQ(get(cursor, remaining, got), fits ? 0u : 1u);
+    EXPECT_EQ(cursor - in.data(), used);
+    EXPECT_EQ(remaining, room - used);
+    EXPECT_EQ(got, fits ? value : onShort == Short::kZeroes ? T{} : before);
+  }
+}
+
+#define CHECK_BOTH(suffix, type, value, ...)                                                         \
+  {                                                                                                  \
+    const Bytes net = __VA_ARGS__;                                                                   \
+    const Short onShort = std::is_unsigned_v<type> ? Short::kKeeps : Short::kZeroes;                 \
+    CheckValue<type>("Net" #suffix, SetNet##suffix##_s, GetNet##suffix##_s, value, net, onShort);    \
+    CheckValue<type>("Host" #suffix, SetHost##suffix##_s, GetHost##suffix##_s, value, Reversed(net), \
+                     onShort);                                                                       \
+  }
+
+TEST(MsgCodecTest, SingleValuesHaveTheirBytesAndTouchNothingWhenTheyDoNotFit) {
+  CheckValue<uint8_t>("U8", SetMsgU8_s, GetMsgU8_s, 0xA5, {0xA5}, Short::kKeeps);
+  CHECK_BOTH(U16, uint16_t, 0x0102, {1, 2})
+  CHECK_BOTH(I16, int16_t, -2, {0xFF, 0xFE})
+  CHECK_BOTH(U32, uint32_t, 0x01020304, {1, 2, 3, 4})
+  CHECK_BOTH(I32, int32_t, std::numeric_limits<int32_t>::min(), {0x80, 0, 0, 0})
+  CHECK_BOTH(F32, float, -2.5f, {0xC0, 0x20, 0, 0})
+  CHECK_BOTH(U64, uint64_t, 0x0102030405060788, {1, 2, 3, 4, 5, 6, 7, 0x88})
+  CHECK_BOTH(D64, double, 1.0, {0x3F, 0xF0, 0, 0, 0, 0, 0, 0})
+}
+
+template <class T>
+void CheckUnbounded(void (*set)(T, unsigned char*&), void (*get)(unsigned char*&, T&), T value,
+                    const Bytes& wire) {
+  unsigned char out[9] = {};
+  unsigned char* cursor = out;
+  set(value, cursor);
+  EXPECT_EQ(cursor - out, static_cast<ptrdiff_t>(wire.size()));
+  EXPECT_EQ(Bytes(out, cursor), wire);
+  T got = 0;
+  cursor = out;
+  get(cursor, got);
+  EXPECT_EQ(cursor - out, static_cast<ptrdiff_t>(wire.size()));
+  EXPECT_EQ(got, value);
+}
+
+TEST(MsgCodecTest, UnboundedValuesHaveTheSameBytes) {
+  CheckUnbounded<uint16_t>(Msg_SetNetU16, Msg_GetNetU16, 0xFF01, {0xFF, 1});
+  CheckUnbounded<uint32_t>(Msg_SetNetU32, Msg_GetNetU32, 0xFF020304, {0xFF, 2, 3, 4});
+  CheckUnbounded<uint64_t>(Msg_SetNetU64, Msg_GetNetU64, 0xFF02030405060708, {0xFF, 2, 3, 4, 5, 6, 7, 8});
+  CheckUnbounded<uint16_t>(SetHostU16, GetHostU16, 0xFF01, {1, 0xFF});
+  CheckUnbounded<uint32_t>(SetHostU32, GetHostU32, 0xFF020304, {4, 3, 2, 0xFF});
+  CheckUnbounded<uint64_t>(SetHostU64, GetHostU64, 0xFF02030405060708, {8, 7, 6, 5, 4, 3, 2, 0xFF});
+}
+
+TEST(MsgCodecTest, OnlyGetHostU16RefusesANullCursor) {
+  unsigned char* cursor = nullptr;
+  unsigned int remaining = 2;
+  uint16_t value = 9;
+  EXPECT_EQ(GetHostU16_s(cursor, remaining, value), 1u);
+  EXPECT_EQ(remaining, 2u);
+  EXPECT_EQ(value, 9);
+}
+
+template <class T>
+void CheckArray(const char* name, uint32_t (*set)(const T*, unsigned int, unsigned char*&, unsigned int&),
+                uint32_t (*get)(unsigned char*&, unsigned int&, T*, unsigned int), const T (&values)[2],
+                const Bytes& wire) {
+  SCOPED_TRACE(name);
+  for (unsigned int room = 0; room <= wire.size() + 1; ++room) {
+    SCOPED_TRACE(room);
+    const bool fits = room >= wire.size();
+    const unsigned int used = fits ? static_cast<unsigned int>(wire.size()) : 0;
+    Bytes out(room, 0xEE);
+    unsigned char* cursor = out.data();
+    unsigned int remaining = room;
+    EXPECT_EQ(set(values, 2, cursor, remaining), fits ? 0u : 1u);
+    EXPECT_EQ(cursor - out.data(), used);
+    EXPECT_EQ(remaining, room - used);
+    Bytes expected(room, 0xEE);
+    std::copy_n(wire.begin(), used, expected.begin());
+    EXPECT_EQ(out, expected);
+
+    T got[2] = {T{7}, T{8}};
+    cursor = out.data();
+    remaining = room;
+    EXPECT_EQ(get(cursor, remaining, got, 2), fits ? 0u : 1u);
+    EXPECT_EQ(remaining, room - used);
+    EXPECT_THAT(got,
+                ElementsAreArray(fits ? std::vector<T>{values[0], values[1]} : std::vector<T>{T{7}, T{8}}));
+  }
+  unsigned char none = 0;
+  unsigned char* cursor = &none;
+  unsigned int remaining = 0;
+  EXPECT_EQ(set(nullptr, 0, cursor, remaining), 0u) << "an array of no elements succeeds";
+  EXPECT_EQ(get(cursor, remaining, nullptr, 0), 0u);
+  EXPECT_EQ(cursor, &none);
+  remaining = 8;  // 0x80000001 elements of 2 bytes are 2 bytes in 32-bit arithmetic, and so on
+  const unsigned int wraps = static_cast<unsigned int>(0x100000000ull / sizeof(T)) + 1;
+  EXPECT_EQ(set(values, wraps, cursor, remaining), 1u) << "count times width wrapped in 32 bits";
+}
+
+#define CHECK_ARRAY(suffix, type, first, second, ...)                                                     \
+  {                                                                                                       \
+    const type values[2] = {first, second};                                                               \
+    const Bytes net = __VA_ARGS__;                                                                        \
+    Bytes host;                                                                                           \
+    for (size_t i = 0; i < 2; ++i) {                                                                      \
+      for (size_t j = sizeof(type); j > 0; --j) host.push_back(net[i * sizeof(type) + j - 1]);            \
+    }                                                                                                     \
+    CheckArray<type>("Net" #suffix, SetBinaryDataNet##suffix, GetBinaryDataNet##suffix, values, net);     \
+    CheckArray<type>("Host" #suffix, SetBinaryDataHost##suffix, GetBinaryDataHost##suffix, values, host); \
+  }
+
+TEST(MsgCodecTest, ArraysAreAllOrNothing){
+    CHECK_ARRAY(U16, uint16_t, 0x0102, 0xFF04, {1, 2, 0xFF, 4})
+        CHECK_ARRAY(Int16, int16_t, -2, 3, {0xFF, 0xFE, 0, 3})
+            CHECK_ARRAY(U32, uint32_t, 0x01020304, 5, {1, 2, 3, 4, 0, 0, 0, 5})
+                CHECK_ARRAY(Int32, int32_t, -1, 6, {0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 6})
+                    CHECK_ARRAY(F32, float, 1.0f, -2.5f, {0x3F, 0x80, 0, 0, 0xC0, 0x20, 0, 0})
+                        CHECK_ARRAY(U64, uint64_t, 1, 0x0200000000000003,
+                                    {0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 0, 0, 3})
+                            CHECK_ARRAY(D64, double, 1.0, -1.0,
+                                        {0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 0xBF, 0xF0, 0, 0, 0, 0, 0, 0})}
+
+TEST(MsgCodecTest, RunsAreCopiedExactlyOrNotAtAll) {
+  unsigned char buffer[4] = {};
+  unsigned char* cursor = buffer;
+  unsigned int remaining = 4;
+  EXPECT_EQ(SetStringData("abcde", 5, cursor, remaining), 1u);
+  EXPECT_EQ(SetStringData("abc", 3, cursor, remaining), 0u);
+  EXPECT_THAT(buffer, ElementsAreArray({'a', 'b', 'c', '\0'})) << "no terminator is added";
+  EXPECT_EQ(SetBinaryData(nullptr, 0, cursor, remaining), 0u);
+  EXPECT_EQ(remaining, 1u);
+
+  char text[5] = "####";
+  cursor = buffer;
+  remaining = 3;
+  EXPECT_EQ(GetStringData(cursor, remaining, text, 4), 1u);
+  EXPECT_STREQ(text, "####") << "a short run changed its destination";
+  EXPECT_EQ(GetStringData(cursor, remaining, text, 3), 0u);
+  EXPECT_STREQ(text, "abc#");
+  EXPECT_EQ(cursor, buffer + 3);
+}
+
+TEST(MsgCodecTest, ViewsPointIntoTheBufferAndCountInElements) {
+  unsigned char buffer[9] = {0, 1, 2, 3, 4, 5, 6, 7, 8};
+  unsigned char* cursor = buffer + 1;
+  unsigned int remaining = 8;
+  uint32_t* words = nullptr;
+  EXPECT_EQ(GetBinaryDataNoCopyU32(cursor, remaining, words, 3), 1u);
+  EXPECT_EQ(words, nullptr);
+  EXPECT_EQ(GetBinaryDataNoCopyU32(cursor, remaining, words, 0x40000001), 1u)
+      << "4 bytes in 32-bit arithmetic";
+  EXPECT_EQ(GetBinaryDataNoCopyU32(cursor, remaining, words, 1), 0u);
+  EXPECT_EQ(reinterpret_cast<unsigned char*>(words), buffer + 1);
+  char* text = nullptr;
+  EXPECT_EQ(GetStringDataNoCopy(cursor, remaining, text, 4), 0u);
+  EXPECT_EQ(reinterpret_cast<unsigned char*>(text), buffer + 5);
+  EXPECT_EQ(remaining, 0u);
+}
+
+struct SkipCase {
+  const char* name;
+  bool network;
+  unsigned char lenSize;
+  Bytes bytes;
+  uint32_t result;
+  ptrdiff_t consumed;
+};
+
+TEST(MsgCodecTest, UnknownItemsAreSkippedByTheirLength) {
+  const SkipCase cases[] = {
+      {"one byte", true, 1, {2, 9, 9, 9}, 0, 3},
+      {"two, network", true, 2, {0, 3, 9, 9, 9}, 0, 5},
+      {"two, host", false, 2, {3, 0, 9, 9, 9}, 0, 5},
+      {"four, network", true, 4, {0, 0, 0, 1, 9}, 0, 5},
+      {"eight, host", false, 8, {1, 0, 0, 0, 0, 0, 0, 0, 9}, 0, 9},
+      {"eight counts its low half", true, 8, {0xFF, 0, 0, 0, 0, 0, 0, 1, 9}, 0, 9},
+      {"length 0", true, 1, {0}, 0, 1},
+      {"too long keeps the length field consumed", true, 2, {0, 3, 9, 9}, 1, 2},
+      {"all ones", true, 4, {0xFF, 0xFF, 0xFF, 0xFF, 9}, 1, 4},
+      {"no room for the length", true, 4, {0, 0, 0}, 1, 0},
+      {"width 3", true, 3, {0, 0, 0, 9}, 1, 0},
+      {"width 0", false, 0, {1, 2}, 1, 0},
+  };
+  for (const SkipCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    Bytes bytes = c.bytes;
+    unsigned char* cursor = bytes.data();
+    auto remaining = static_cast<unsigned int>(bytes.size());
+    const auto skip = c.network ? SkipUnknownNetTlv : SkipUnknownHostTlv;
+    EXPECT_EQ(skip(cursor, remaining, c.lenSize), c.result);
+    EXPECT_EQ(cursor - bytes.data(), c.consumed);
+    EXPECT_EQ(remaining, bytes.size() - c.consumed);
+  }
+}
+
+TEST(MsgCodecTest, NotANumberAndAllOnesAreNoValues) {
+  EXPECT_TRUE(MsgIsFloatValueValid(-0.0f));
+  EXPECT_TRUE(MsgIsFloatValueValid(-INFINITY)) << "infinities are values";
+  EXPECT_FALSE(MsgIsFloatValueValid(std::bit_cast<float>(0x7F800001u))) << "a signalling NaN";
+  EXPECT_FALSE(MsgIsFloatValueValid(std::bit_cast<float>(0xFFFFFFFFu)));
+  EXPECT_TRUE(MsgIsDoubleValueValid(HUGE_VAL));
+  EXPECT_FALSE(MsgIsDoubleValueValid(std::nan("")));
+  EXPECT_FALSE(MsgIsDoubleValueValid(std::bit_cast<double>(~0ull)));
+}
+
+}  // namespace
