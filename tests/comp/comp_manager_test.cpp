@@ -1,0 +1,325 @@
+/// The component manager over the real runtime: start-up from the registration block, addresses, HA.
+#include "comp/comp_manager.h"
+
+#include <arpa/inet.h>
+
+#include <memory>
+
+#include "comp_fixture.h"
+#include "support/temp_dir.h"
+#include "velto/dms.h"
+#include "velto/kel_cfg.h"
+
+namespace comp_test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+/// Sockets in a directory of this process; the runtime and the message manager are up.
+class Runtime : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    const std::string cfg = dir_.Write("feature.cfg", "dms.dir=" + dir_.File("dms") + "\n");
+    ASSERT_EQ(KEL_CfgdbInitByFsldr(cfg.c_str()), 0u);
+    ASSERT_EQ(KEL_Start(nullptr), 0u);
+    ASSERT_EQ(TOLA_MsgManagerInit(), 0u);
+  }
+
+ private:
+  support::TempDir dir_;
+};
+const auto* const g_runtime = ::testing::AddGlobalTestEnvironment(new Runtime);
+
+std::vector<uint32_t> g_started;
+uint32_t NoteStart(uint32_t csi) {
+  g_started.push_back(csi);
+  return 0x10000;  // only the low 16 bits count
+}
+
+std::unique_ptr<TOLA_COMP_REG_BLOCK_S> NewBlock() {
+  auto block = std::make_unique<TOLA_COMP_REG_BLOCK_S>();
+  (void)snprintf(block->product.local.ip, kCompIpSize, "%s", kIp);
+  block->product.local.procId = kProcId;
+  return block;
+}
+
+TOLA_COMP_DST_PROC_S Process(uint32_t procId, std::vector<uint32_t> csis, const char* ip = kIp) {
+  TOLA_COMP_DST_PROC_S proc{};
+  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", ip);
+  proc.procId = procId;
+  for (const uint32_t csi : csis) proc.addr[proc.addrNum++] = {csi, csi};
+  return proc;
+}
+
+TOLA_COMP_PROC_S Address(uint32_t procId) {
+  TOLA_COMP_PROC_S proc{};
+  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", kIp);
+  proc.procId = procId;
+  return proc;
+}
+
+bool IsKnown(uint32_t csi) {
+  return CompManagerImpl::GetInstance().IsComponent(csi);
+}
+
+class CompManagerTest : public CompTest {};
+
+TEST_F(CompManagerTest, AStageStartsItsTypesPlatformFirstWithAtMostFourInstances) {
+  auto block = NewBlock();
+  TOLA_COMP_TYPE_S many = Type("MANY", 1001, Record);
+  many.instNum = 6;
+  for (uint32_t i = 0; i < kCompInstMax; ++i) many.inst[i] = {1001 + i, NoteStart};
+  TOLA_COMP_TYPE_S later = Type("LATER", 1010, Record);
+  later.stage = 1;
+  later.inst[0].paraReg = NoteStart;
+  TOLA_COMP_TYPE_S broken = Type("BROKEN", 1011, nullptr);
+  TOLA_COMP_TYPE_S single = Type("SINGLE", 1012, Record);
+  single.inst[0].paraReg = NoteStart;
+  block->platform.typeNum = 2;
+  block->platform.type[0] = broken;
+  block->platform.type[1] = many;
+  block->product.typeNum = 2;
+  block->product.type[0] = later;
+  block->product.type[1] = single;
+
+  g_started.clear();
+  ASSERT_EQ(TolaOsCompFrameInit(block.get()), 0u);
+  TolaOsRegAllComp(block.get(), 0);
+  EXPECT_THAT(g_started, ElementsAre(1001, 1002, 1003, 1004, 1012));
+  EXPECT_THAT(Logged().TakeAll(),
+              AllOf(Contains("comp_manager.cpp: Name:MANY Type=0x3e9, csi=0x3ec, Success, ret=0"),
+                    Contains("comp_manager.cpp: Comps kick result 0x1"), Not(Contains(HasSubstr("LATER")))));
+  TolaOsRegAllComp(block.get(), 1);
+  EXPECT_THAT(g_started, ElementsAre(1001, 1002, 1003, 1004, 1012, 1010));
+
+  for (const uint32_t csi : {1004, 1010}) {
+    ASSERT_EQ(TolaCompMsgSend(csi, NewMsg(1001, 5, 6, "x")), 0u);
+    EXPECT_EQ(Arrived().Take().destination, csi) << "started but not delivered to";
+  }
+}
+
+uint32_t Refuse() {
+  return 0x30007;
+}
+uint32_t FailStageTwo(uint32_t stage) {
+  return stage == 2 ? 1 : 0;
+}
+uint32_t RefusePara(uint32_t) {
+  return 0x10009;
+}
+
+TEST_F(CompManagerTest, TheFirstFailureEndsATypesStart) {
+  struct {
+    const char* name;
+    void (*spoil)(TOLA_COMP_TYPE_S&);
+    uint32_t result;
+    const char* line;
+    bool firstRuns;
+  } const cases[] = {
+      {"before", [](TOLA_COMP_TYPE_S& t) { t.beforeReg = Refuse; }, 7,
+       "Comp type start up failed type=0x44d, name=before, ret=0x7", false},
+      {"name", [](TOLA_COMP_TYPE_S& t) { memset(t.name, 'n', sizeof(t.name)); }, 1,
+       "Comp type reg comp failed type=0x44e, name=nnnnnnnnnnnnnnnnnnnnnnnn, ret=0x1", false},
+      {"version", [](TOLA_COMP_TYPE_S& t) { memset(t.version, 'v', sizeof(t.version)); }, 1,
+       "strcpy_s ver fail", false},
+      {"entry", [](TOLA_COMP_TYPE_S& t) { t.msgProc = nullptr; }, 1, "reg fail(0x601)! typeId[1104]", false},
+      {"parameter", [](TOLA_COMP_TYPE_S& t) { t.inst[1].paraReg = RefusePara; }, 9,
+       "Comp instance set Para failed type=0x451, name=parameter, csi = 0x9951, ret=0x9", true},
+      {"constructor", [](TOLA_COMP_TYPE_S& t) { t.constructor = FailStageTwo; }, 1,
+       "stage[2],csi[1106],type[1106],fail(0x607)", false},
+      {"after", [](TOLA_COMP_TYPE_S& t) { t.afterStart = Refuse; }, 7,
+       "Comp type start up failed type=0x453, name=after, ret=0x7", true},
+  };
+  uint32_t id = 1101;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TOLA_COMP_TYPE_S type = Type(c.name, id, Record);
+    type.instNum = 2;
+    type.inst[1].csi = id + 0x9500;
+    c.spoil(type);
+    TOLA_COMP_DST_PROC_S local = Process(kProcId, {});
+    local.addrNum = 2;
+    local.addr[0] = {id, id};
+    local.addr[1] = {id + 0x9500, id};
+    ASSERT_EQ(TolaCompInit(&local, 0, nullptr), 0u);
+    (void)Logged().TakeAll();
+    EXPECT_EQ(TolaOsKickOffComps(&type), c.result);
+    EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr(c.line)));
+    EXPECT_EQ(TolaCompMsgSend(id, NewMsg(1, 1, 1, "")) == 0, c.firstRuns)
+        << "what ran before the failure stays";
+    if (c.firstRuns) (void)Arrived().Take();
+    ++id;
+  }
+}
+
+TEST_F(CompManagerTest, InstancesOfAProcessExchangeMessages) {
+  Start({Type("ASKS", 1201, Record), Type("ANSWERS", 1202, Echo)});
+  ASSERT_EQ(TolaCompMsgSend(1202, NewMsg(1201, 0xA370, 0x1234, "abcdef")), 0u);
+  const Got reply = Arrived().Take();
+  EXPECT_EQ(reply.destination, 1201u);
+  EXPECT_EQ(reply.source, 1202u);
+  EXPECT_EQ(reply.id, 0xA371u);
+  EXPECT_EQ(reply.seqNo, 0x1234) << "the reply cannot be paired with its request";
+  EXPECT_EQ(reply.data, "fedcba");
+}
+
+uint32_t g_destroyed = 0;
+uint32_t NoteEnd() {
+  ++g_destroyed;
+  return 0;
+}
+
+TEST_F(CompManagerTest, ADestroyedInstanceIsForgotten) {
+  TOLA_COMP_TYPE_S type = Type("MORTAL", 1301, Record);
+  type.destructor = NoteEnd;
+  Start({type});
+  CompManagerImpl& manager = CompManagerImpl::GetInstance();
+  int mine = 0;
+  ASSERT_EQ(TolaCompSetPara(1301, &mine), 0u);
+  EXPECT_EQ(TolaCompGetPara(1301), &mine);
+  EXPECT_NE(manager.DeleteCompType(1301), 0u) << "the type still has an instance";
+  ASSERT_EQ(manager.CompDestroy(1301), 0u);
+  EXPECT_EQ(g_destroyed, 1u);
+  EXPECT_FALSE(IsKnown(1301));
+  EXPECT_EQ(TolaCompGetPara(1301), nullptr) << "a later instance would find another one's data";
+  EXPECT_EQ(manager.DeleteCompType(1301), 0u);
+}
+
+TEST_F(CompManagerTest, InitRefusesWhatIsNoProcess) {
+  TOLA_COMP_DST_PROC_S local = Process(0, {1401});
+  EXPECT_EQ(TolaCompInit(&local, 0, nullptr), 1u);
+  EXPECT_EQ(TolaCompInit(&local, 2, nullptr), 1u);
+  EXPECT_THAT(Logged().TakeAll(), ElementsAre("comp_manager.cpp: invalid procId(0)",
+                                              "comp_manager.cpp: dstNum[2] but dstProc is null"));
+  local = Process(kProcId, {1402});
+  memset(local.ip, '1', sizeof(local.ip));
+  EXPECT_EQ(TolaCompInit(&local, 0, nullptr), 1u) << "an address without end was read";
+  EXPECT_FALSE(IsKnown(1401) || IsKnown(1402));
+  const TOLA_COMP_DST_PROC_S bad = Process(500, {1403}, "no address");
+  local = Process(kProcId, {});
+  EXPECT_EQ(TolaCompInit(&local, 1, &bad), kDmsErrPara);
+}
+
+TEST_F(CompManagerTest, TheFirst32DestinationsOfBothSetsCount) {
+  auto block = NewBlock();
+  block->product.dstNum = 20;
+  block->platform.dstNum = 20;
+  for (uint32_t i = 0; i < 20; ++i) {
+    block->product.dst[i] = Process(200 + i, {2000 + i});
+    block->platform.dst[i] = Process(300 + i, {3000 + i});
+  }
+  ASSERT_EQ(TolaOsCompFrameInit(block.get()), 0u);
+  for (uint32_t i = 0; i < 20; ++i) {
+    EXPECT_TRUE(IsKnown(2000 + i)) << i;
+    EXPECT_EQ(IsKnown(3000 + i), i < 12) << i;
+  }
+  for (uint32_t i = 0; i < 20; ++i) {
+    const TOLA_COMP_PROC_S product = Address(200 + i);
+    const TOLA_COMP_PROC_S platform = Address(300 + i);
+    EXPECT_EQ(TolaDelCompDstProcInfo(&product), 0u);
+    EXPECT_EQ(TolaDelCompDstProcInfo(&platform) == 0, i < 12) << i;
+    EXPECT_FALSE(IsKnown(2000 + i) || IsKnown(3000 + i)) << "removal left an address behind";
+  }
+}
+
+TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne) {
+  Start({Type("LOCAL", 1501, Record)});
+  const TOLA_COMP_DST_PROC_S peer = Process(400, {1501, 1502});
+  ASSERT_EQ(TolaAddCompDstProcInfo(&peer), 0u);
+  EXPECT_TRUE(IsKnown(1502));
+  EXPECT_EQ(TolaCompMsgSend(1502, NewMsg(1501, 1, 1, "x")), kDmsErrNoPeer) << "nobody listens there";
+  EXPECT_THAT(Logged().TakeAll(), Contains("comp_msg: 0x5dd send msg 0x1 to 0x5de fail:0x503"));
+  ASSERT_EQ(TolaCompMsgSend(1501, NewMsg(1501, 1, 1, "here")), 0u);
+  EXPECT_EQ(Arrived().Take().data, "here") << "another process took a local instance away";
+
+  const TOLA_COMP_PROC_S peerAddress = Address(400);
+  const TOLA_COMP_PROC_S own = Address(kProcId);
+  EXPECT_EQ(TolaDelCompDstProcInfo(&peerAddress), 0u);
+  EXPECT_NE(TolaDelCompDstProcInfo(&own), 0u);
+  EXPECT_FALSE(IsKnown(1502));
+  EXPECT_TRUE(IsKnown(1501));
+}
+
+TEST_F(CompManagerTest, AProcessThatNeedsASecuredLinkIsNotReachedInTheClear) {
+  const TOLA_COMP_DST_PROC_S peer = Process(401, {1601});
+  const int secInfo = 1;
+  EXPECT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, &secInfo), 1u);
+  EXPECT_FALSE(IsKnown(1601));
+  EXPECT_THAT(Logged().TakeAll(), ElementsAre(HasSubstr("no secured link: proc[401]")));
+  ASSERT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, nullptr), 0u);
+  EXPECT_TRUE(IsKnown(1601));
+}
+
+std::vector<uint32_t> g_announced;
+
+TEST_F(CompManagerTest, EachLocalComponentIsAnnounced) {
+  g_announced.clear();
+  TolaCompRegIdAddNotify([](uint32_t csi) { g_announced.push_back(csi); });
+  const TOLA_COMP_DST_PROC_S local = Process(kProcId, {1701, 1702});
+  const TOLA_COMP_DST_PROC_S peer = Process(402, {1703});
+  ASSERT_EQ(TolaCompInit(&local, 1, &peer), 0u);
+  TolaCompRegIdAddNotify(nullptr);
+  EXPECT_THAT(g_announced, ElementsAre(1701, 1702));
+  TOLA_COMP_PROC_S own{};
+  ASSERT_EQ(TolaCompGetLocalProcInfo(&own), 0u);
+  EXPECT_STREQ(own.ip, kIp);
+  EXPECT_EQ(own.procId, kProcId);
+}
+
+TEST_F(CompManagerTest, AContainerNeedsANamedTask) {
+  TOLA_COMP_SCH_S sch{};
+  (void)snprintf(sch.taskName, sizeof(sch.taskName), "WIFI_COMP");
+  sch.settings[0] = 14;
+  EXPECT_EQ(TolaAddCompSch(&sch), 0u);
+  memset(sch.taskName, 'w', sizeof(sch.taskName));
+  EXPECT_EQ(TolaAddCompSch(&sch), 1u);
+}
+
+TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {
+  EXPECT_EQ(TolaOsGenProcId(inet_addr("192.168.1.2")), 0x10102u);
+  EXPECT_EQ(TolaOsGenProcId(inet_addr("10.255.255.254")), 0x1FFFEu);
+}
+
+/// Says which expectation of a child process failed, since only its exit status comes back.
+#define CHILD_EXPECT(condition) \
+  if (!(condition)) (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), exit(1))
+
+[[noreturn]] void PairedProcess() {
+  CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
+  CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.2") == 2);
+  TOLA_CompDefaultHaStateSet(1);
+  CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
+  TOLA_EnableCompHaState();
+  CHILD_EXPECT(MakeCompCpi(4181) == 0x90001055);
+  CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.1") == 1);
+  CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.2") == 0);
+
+  const TOLA_COMP_DST_PROC_S local = Process(kProcId, {1801});
+  const TOLA_COMP_DST_PROC_S dst[] = {Process(500, {1802}, "no address"), Process(501, {1803}, "10.0.0.2")};
+  CHILD_EXPECT(TolaCompInit(&local, 2, dst) == 0);  // the failing one is skipped
+  CompAddr addr{};
+  CompManagerImpl& manager = CompManagerImpl::GetInstance();
+  CHILD_EXPECT(manager.GetCompAddr(1801, addr) == 0 && addr.haState == 1);
+  CHILD_EXPECT(manager.GetCompAddr(1803, addr) == 0 && addr.haState == 0);
+  const TOLA_COMP_TYPE_S type = Type("HA", 1801, Record);
+  CHILD_EXPECT(TolaOsKickOffComps(&type) == 0);
+  CHILD_EXPECT(TolaCompMsgSend(0x10000000 + 1801, NewMsg(0x90000709, 1, 1, "ha")) == 0);
+  CHILD_EXPECT(Arrived().Take().data == "ha");
+  TOLA_CompDefaultHaStateSet(2);
+  CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
+  exit(0);
+}
+
+TEST(CompAddressTest, HighAvailabilityChangesAddressesAndStates) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // in a process of its own: HA is never switched off again
+  EXPECT_EXIT(PairedProcess(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace comp_test
