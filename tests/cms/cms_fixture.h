@@ -1,0 +1,124 @@
+/// What the cases of the signature engine share: a small PKI, files of their own, the log's lines, and the
+/// check.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "boundscheck/securec.h"
+#include "cms/signature_verify.h"
+#include "log/run_log.h"
+#include "support/temp_dir.h"
+#include "support/test_pki.h"
+#include "velto/kel_clock.h"
+
+namespace cmstest {
+
+using testpki::Bytes;
+using testpki::Identity;
+
+/// Lines of the run log, as "<level> <source> <message>".
+inline std::vector<std::string> g_lines;
+
+inline void CaptureLine(const TOLA_LOG_PARA_S* record, const char* format, va_list args) {
+  char message[512];
+  (void)vsnprintf(message, sizeof(message), format, args);
+  g_lines.push_back(std::to_string(record->level) + " " + record->fileName + " " + message);
+}
+
+inline Bytes BytesOf(std::string_view text) {
+  return {text.begin(), text.end()};
+}
+
+/// Result of a check with the engine's code behind it; 0 when the engine reported none.
+struct Verdict {
+  uint32_t result;
+  uint32_t engineCode;
+  bool operator==(const Verdict&) const = default;
+};
+inline void PrintTo(const Verdict& verdict, std::ostream* out) {
+  *out << verdict.result << " (engine " << std::hex << verdict.engineCode << std::dec << ")";
+}
+
+class CmsTest : public testing::Test {
+ protected:
+  CmsTest() {
+    RegLogSeparatePrintFunc(CaptureLine);
+    testpki::InstallRoot(root);
+    g_lines.clear();
+  }
+  ~CmsTest() override {
+    testpki::ClearRoots();
+    RegLogSeparatePrintFunc(nullptr);
+    KEL_ClockModeSet(kKelClockReal);
+  }
+
+  /// What one check reads; the default is good.
+  struct Input {
+    Bytes content, signature, crl;
+    std::string extra = {};
+  };
+  [[nodiscard]] Input Good() const { return {BytesOf(text), testpki::Sign(text, signer), crl}; }
+  [[nodiscard]] Input Signed(const testpki::SignSpec& spec) const {
+    return {BytesOf(text), testpki::Sign(text, spec), crl};
+  }
+  [[nodiscard]] Input SignedBy(const Identity& by) const {
+    return {BytesOf(text), testpki::Sign(text, by), crl};
+  }
+
+  SIGNATURE_VERIFY_BLOCK_S Request(const Input& input) {
+    SIGNATURE_VERIFY_BLOCK_S request = {};
+    testpki::WriteFile(dir.File("list"), input.content);
+    testpki::WriteFile(dir.File("sig"), input.signature);
+    testpki::WriteFile(dir.File("crl"), input.crl);
+    SetText(request.contentPath, dir.File("list"));
+    SetText(request.signaturePath, dir.File("sig"));
+    SetText(request.crlPath, dir.File("crl"));
+    SetText(request.extraCert, input.extra);
+    return request;
+  }
+  uint32_t Verify(const Input& input) { return Verify(Request(input)); }
+  uint32_t Verify(const SIGNATURE_VERIFY_BLOCK_S& request) {
+    g_lines.clear();
+    return SignatureVerify(request);
+  }
+
+  template <size_t kSize>
+  static void SetText(char (&field)[kSize], const std::string& value) {
+    ASSERT_EQ(strcpy_s(field, kSize, value.c_str()), EOK) << value;
+  }
+
+  template <class T>
+  Verdict Check(const T& inputOrRequest) {
+    const uint32_t result = Verify(inputOrRequest);
+    unsigned code = 0;
+    for (const std::string& line : g_lines) {
+      const size_t at = line.find("verify signature error ");
+      if (at != line.npos) (void)sscanf(line.c_str() + at, "verify signature error %x", &code);
+    }
+    return {result, code};
+  }
+  [[nodiscard]] static std::string Log() {
+    std::string all;
+    for (const std::string& line : g_lines) all += line + "\n";
+    return all;
+  }
+
+  support::TempDir dir;
+  const std::string text = "FileNum=1\nFileName=app.bin\nSHA256-Digest=00ff\n";
+  Identity root = testpki::MakeRoot({.name = "root"});
+  Identity signer = testpki::MakeSigner(root);
+  Bytes crl = testpki::MakeCrl(root, {.number = 1});
+};
+
+#define EXPECT_REFUSED(input, engineCode) \
+  EXPECT_EQ(Check(input), (Verdict{kSigErrSignature, engineCode})) << Log()
+#define EXPECT_ACCEPTED(input) EXPECT_EQ(Check(input), (Verdict{0, 0})) << Log()
+
+}  // namespace cmstest
