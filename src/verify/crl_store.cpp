@@ -7,6 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <new>
+#include <system_error>
+
 #include "base/owners.h"
 #include "base/result_codes.h"
 #include "cms/root_ca.h"
@@ -16,6 +20,7 @@
 #include "securec.h"
 #include "update/file_name_check.h"
 #include "verify/crl_manage.h"
+#include "verify/signature_normal.h"
 #include "verify/signature_verify_public.h"
 #include "verify/verify_log.h"
 
@@ -74,6 +79,23 @@ bool ForgetAside(const char* stored) {
   return SyncDirectoryOf(stored);
 }
 
+bool HaveSameDigest(const char* first, const char* second) {
+  uint8_t digests[2][kDigestBytes];
+  return TolaCalcFileHash(first, digests[0]) == kSuccess &&
+         TolaCalcFileHash(second, digests[1]) == kSuccess &&
+         memcmp(digests[0], digests[1], kDigestBytes) == 0;
+}
+
+/// Removes what a failed copy left in the list's place, be it a directory.
+void RemoveWhatever(const char* stored) {
+  try {
+    std::error_code ignored;  // PutBack meets the same obstacle and says so
+    (void)std::filesystem::remove_all(stored, ignored);
+  } catch (const std::bad_alloc&) {
+    (void)unlink(stored);
+  }
+}
+
 /// The runner splits at blanks and knows no way to say where options end.
 bool IsOneArgument(const char* path) {
   return path[0] != '\0' && path[0] != '-' && strchr(path, ' ') == nullptr;
@@ -115,12 +137,13 @@ uint32_t UpdateCrlFileToDevice(const char* crlPath, uint32_t caType) {
     return kFailure;
   }
   const uint32_t copied = tola_excev(LogBaseName(__FILE__), __LINE__, command, "update crl");
-  if (copied == kSuccess && SyncRegularFile(stored) && SyncDirectoryOf(stored)) {
+  if (copied == kSuccess && SyncRegularFile(stored) && HaveSameDigest(crlPath, stored) &&
+      SyncDirectoryOf(stored)) {
     return ForgetAside(stored) ? kSuccess : kFailure;
   }
   LOG_ERR(kVerifyLogModule, "update crl fail:%u, %s", copied, stored);
-  (void)TOLA_DeleteFile(kVerifyLogModule, stored);  // half a list, where there was none before
-  (void)PutBack(stored);  // tried again by the next replacement and at the next start
+  RemoveWhatever(stored);  // where there was no list before as well
+  (void)PutBack(stored);   // tried again by the next replacement and at the next start
   return kFailure;
 }
 

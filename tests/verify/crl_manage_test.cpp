@@ -1,0 +1,207 @@
+// The stored revocation lists: which list wins, and that no failure and no power cut loses the stored one.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+
+#include "verify_fixture.h"
+
+namespace verifytest {
+namespace {
+
+using ::testing::Contains;
+using ::testing::StartsWith;
+using testpki::CrlSpec;
+using testpki::kDay;
+using testpki::MakeCrl;
+
+class CrlManageTest : public VerifyTest {
+ protected:
+  /// A list of the trusted root whose date lies `days` before now.
+  std::string List(int64_t days, int64_t number = 1) const {
+    return Text(MakeCrl(pki_.root, {.thisUpdate = testpki::Now() - days * kDay, .number = number}));
+  }
+  void Store(const std::string& list) { dir_.Write("stored/signature.crl", list); }
+  void Supply(const std::string& list) {
+    dir_.Write("update/list.crl", list);
+    request_.crlPath = crlPath_.c_str();
+  }
+  std::string Supplied() const { return ReadFile(crlPath_); }
+
+  const std::string crlPath_ = UpdateFile("list.crl");
+  SIGNATURE_VERIFY_REQ_S request_;
+};
+
+TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
+  const testpki::SmallPki foreignPki;
+  const std::string none, older = List(9, 5), newer = List(3, 6), sameDayHigher = List(9, 6),
+                          garbage = "garbage";
+  const std::string foreign =
+      Text(MakeCrl(foreignPki.root, {.thisUpdate = testpki::Now() - kDay, .number = 9}));
+  const std::string expired = Text(
+      MakeCrl(pki_.root, {.thisUpdate = testpki::Now() - 20 * kDay, .nextUpdate = testpki::Now() - kDay}));
+  std::string forged = newer;
+  forged.back() = static_cast<char>(forged.back() ^ 1);
+  const struct {
+    const char* what;
+    const std::string &stored, &supplied;
+    uint32_t code;
+    const std::string &storedAfter, &suppliedAfter;
+  } cases[] = {
+      {"neither", none, none, 50996, none, none},
+      {"first list", none, older, 0, older, older},
+      {"first list is garbage", none, garbage, 50997, none, garbage},
+      {"first list is a foreign root's", none, foreign, 50997, none, foreign},
+      {"first list is forged", none, forged, 50997, none, forged},
+      {"stored alone", older, none, 0, older, none},
+      {"newer", older, newer, 0, newer, newer},
+      {"older: the stored one overwrites it", newer, older, 0, newer, newer},
+      {"same", older, older, 0, older, older},
+      {"same date, higher number", older, sameDayHigher, 0, sameDayHigher, sameDayHigher},
+      {"same date, lower number", sameDayHigher, older, 0, sameDayHigher, sameDayHigher},
+      {"supplied garbage", older, garbage, 50997, older, garbage},
+      {"supplied foreign", older, foreign, 50997, older, foreign},
+      {"supplied forged", older, forged, 50997, older, forged},
+      {"stored garbage is replaced, even by an old list", garbage, older, 0, older, older},
+      {"stored foreign is replaced", foreign, older, 0, older, older},
+      {"stored expired is replaced", expired, newer, 0, newer, newer},
+      {"both useless", garbage, foreign, 50997, garbage, foreign},
+  };
+  for (const auto& c : cases) {
+    std::filesystem::remove(StoredFile());
+    std::filesystem::remove(crlPath_);
+    request_.crlPath = nullptr;
+    if (&c.stored != &none) Store(c.stored);
+    if (&c.supplied != &none) Supply(c.supplied);
+    EXPECT_EQ(ProcessCrlInfo(request_), c.code) << c.what;
+    EXPECT_EQ(StoredText(), c.storedAfter) << c.what;
+    EXPECT_EQ(Supplied(), c.suppliedAfter) << c.what;
+    EXPECT_FALSE(Exists(StoredFile("signature.crl.old"))) << c.what;
+    struct stat info = {};
+    if (c.code == 0 && stat(StoredFile().c_str(), &info) == 0) {
+      EXPECT_EQ(info.st_mode & 0777u, 0600u) << c.what;
+    }
+  }
+}
+
+TEST_F(CrlManageTest, AnEmptyNameCountsAsNoList) {
+  const std::string directory = dir_.File("update/");
+  request_.crlPath = directory.c_str();
+  EXPECT_EQ(ProcessCrlInfo(request_), 50996u);
+  EXPECT_THAT(log_.Lines(), Contains("no check crl"));
+  Store(List(1));
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+  request_.crlPath = "";
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+  Supply(List(1));
+  std::filesystem::remove(crlPath_);
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u)
+      << "a list that is named but missing is no list that is left out";
+}
+
+TEST_F(CrlManageTest, EachTypeHasAListOfItsOwn) {
+  Supply(List(1));
+  request_.caType = 2;
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "there is no root of type 2";
+  testpki::InstallRoot(pki_.root, 2);
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+  EXPECT_EQ(ReadFile(StoredFile("signature_2.crl")), Supplied());
+  request_.caType = 1;
+  testpki::InstallRoot(pki_.root, 1);
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+  EXPECT_EQ(ReadFile(StoredFile("inside_signature.crl")), Supplied());
+  EXPECT_FALSE(Exists(StoredFile())) << "type 0's list was touched";
+}
+
+TEST_F(CrlManageTest, ARevocationCannotBeRolledBack) {
+  const std::string list = "FileNum=0\n";
+  const std::string listPath = dir_.Write("update/list.txt", list);
+  const std::string signaturePath = dir_.Write("update/list.cms", Text(testpki::Sign(list, pki_.signer)));
+  request_.contentPath = listPath.c_str();
+  request_.signaturePath = signaturePath.c_str();
+  Supply(List(9, 1));
+  ASSERT_EQ(CMSSignatureVerify(request_), 0u);
+  const std::string revoking = Text(MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}}));
+  Supply(revoking);
+  EXPECT_EQ(CMSSignatureVerify(request_), 50987u);
+  Supply(List(9, 1));
+  EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the older list was believed";
+  request_.crlPath = nullptr;
+  EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the stored list was not handed to the check";
+}
+
+/// Puts a program called cp in front of the machine's own.
+class FailingCopyTest : public CrlManageTest {
+ protected:
+  void ReplaceCp(const std::string& script) {
+    const std::string cp = dir_.Write("bin/cp", "#!/bin/sh\n" + script);
+    ASSERT_EQ(chmod(cp.c_str(), 0700), 0);
+    setenv("PATH", (dir_.File("bin") + ":" + path_).c_str(), 1);
+  }
+  ~FailingCopyTest() override { setenv("PATH", path_.c_str(), 1); }
+  const std::string path_ = getenv("PATH");
+};
+
+TEST_F(FailingCopyTest, TheStoredListSurvivesEveryFailure) {
+  const std::string older = List(9, 1);
+  const std::pair<const char*, const char*> faults[] = {
+      {"fails at once", "exit 1\n"},
+      {"fails halfway", "head -c 40 \"$2\" >\"$3\"; exit 1\n"},
+      {"claims success and copies half", "head -c 40 \"$2\" >\"$3\"\n"},
+      {"claims success and copies nothing", "exit 0\n"},
+      {"claims success and leaves an empty file", ": >\"$3\"\n"},
+      {"leaves a link to the update", "ln -s \"$2\" \"$3\"\n"},
+      {"leaves a directory", "mkdir \"$3\"\n"},
+  };
+  for (const auto& [what, script] : faults) {
+    Store(older);
+    Supply(List(1, 2));
+    ReplaceCp(script);
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << what;
+    EXPECT_EQ(StoredText(), older) << what;
+    EXPECT_FALSE(Exists(StoredFile("signature.crl.old"))) << what;
+
+    std::filesystem::remove_all(StoredFile());
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << what << ", first list";
+    EXPECT_FALSE(Exists(StoredFile())) << what << ", first list: half a list stayed";
+  }
+}
+
+TEST_F(FailingCopyTest, ACutInTheMiddleIsUndoneAtTheNextStart) {
+  const std::string older = List(9, 1);
+  Store(older);
+  Supply(List(1, 2));
+  ReplaceCp("head -c 40 \"$2\" >\"$3\"; kill -9 $PPID\n");
+  const pid_t child = fork();
+  if (child == 0) _exit(ProcessCrlInfo(request_) == 0 ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the process was to die while the list was being replaced";
+  ASSERT_NE(StoredText(), older);
+
+  RestoreStoredCrlAtStart();
+  EXPECT_EQ(StoredText(), older);
+  EXPECT_FALSE(Exists(StoredFile("signature.crl.old")));
+  setenv("PATH", path_.c_str(), 1);
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "the same update again";
+  EXPECT_EQ(StoredText(), Supplied());
+}
+
+TEST_F(CrlManageTest, NamesThatNoCommandMayHoldAreRefusedBeforeAnythingMoves) {
+  const std::string older = List(9, 1);
+  for (const char* name : {"a b.crl", "a;b.crl", "a$b.crl", "x./b.crl"}) {
+    Store(older);
+    const std::string path = dir_.Write(std::string("update/") + name, List(1, 2));
+    request_.crlPath = path.c_str();
+    EXPECT_EQ(UpdateCrlFileToDevice(path.c_str(), 0), 1u) << name;
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << name;
+    EXPECT_EQ(StoredText(), older) << name;
+  }
+  EXPECT_EQ(UpdateCrlFileToDevice("-rf", 0), 1u) << "an option";
+  EXPECT_EQ(UpdateCrlFileToDevice(std::string(401, 'x').c_str(), 0), 17673u);
+  EXPECT_THAT(log_.Lines(), Contains(StartsWith("update crl err: ")));
+  EXPECT_EQ(StoredText(), older);
+}
+
+}  // namespace
+}  // namespace verifytest

@@ -1,0 +1,166 @@
+// The file list's parser, the digests behind it, and the hexadecimal text of a digest.
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "base/owners.h"
+#include "verify/signature_verify_public.h"
+#include "verify_fixture.h"
+
+namespace verifytest {
+namespace {
+
+using ::testing::Contains;
+
+class FileListTest : public VerifyTest {
+ protected:
+  FileListTest() {
+    dir_.Write("update/a.bin", "first");
+    dir_.Write("update/b.bin", "second");
+  }
+  uint32_t CheckHashes(const std::string& list) const {
+    const base::FilePtr file(fopen(dir_.Write("list.txt", list).c_str(), "r"));
+    return CheckFileListHash(file.get(), dir_.File("update").c_str());
+  }
+  uint32_t FindDigest(const std::string& list, const std::string& name) const {
+    return UpgradePackHashVerify(dir_.Write("list.txt", list).c_str(), UpdateFile(name).c_str());
+  }
+  const std::string a_ = Entry("a.bin", "first");
+  const std::string b_ = Entry("b.bin", "second");
+  const std::string digestA_ = DigestOf("first");
+};
+
+TEST_F(FileListTest, EveryFaultOfAListHasItsCode) {
+  std::string upper = a_;
+  for (char& c : upper) c = c >= 'a' && c <= 'f' && &c > &upper[28] ? static_cast<char>(c - 32) : c;
+  ASSERT_NE(upper, a_);
+  const std::string longLine(160, 'x');
+  const struct {
+    const char* fault;
+    std::string list;
+    uint32_t code;
+  } cases[] = {
+      {"none", "FileNum=2\n" + a_ + b_, 0},
+      {"CR LF line ends, text before the keys, lines between",
+       "# list\r\n  FileNum=1\r\n\r\n<FileName=a.bin\r\nx\r\n SHA256-Digest=" + digestA_ + "\r\n", 0},
+      {"a long line without a key is no fault", "FileNum=1\n" + longLine + "\n" + a_, 0},
+      {"empty", "", 50989},
+      {"no count", a_, 50989},
+      {"count without digits", "FileNum=\n" + a_, 50989},
+      {"count of words", "FileNum=one\n" + a_, 50989},
+      {"negative count", "FileNum=-1\n" + a_, 50989},
+      {"257 reads as 1", "FileNum=257\n" + a_, 0},
+      {"257 reads as 1, so a second entry is too much", "FileNum=257\n" + a_ + b_, 50995},
+      {"256 reads as 0", "FileNum=256\n", 0},
+      {"count 0 with an entry", "FileNum=0\n" + a_, 50995},
+      {"more entries than counted", "FileNum=1\n" + a_ + b_, 50995},
+      {"an entry hidden behind a long line", "FileNum=1\n" + a_ + longLine + "FileName=b.bin\n", 50995},
+      {"fewer entries than counted", "FileNum=3\n" + a_ + b_, 50990},
+      {"no name", "FileNum=1\nSHA256-Digest=" + digestA_ + "\n", 50990},
+      {"name that does not fit", "FileNum=1\n" + Entry(std::string(129, 'n'), ""), 50990},
+      {"name on a line that is too long", "FileNum=1\n" + longLine + a_, 50990},
+      {"name with a zero byte", "FileNum=1\n" + Entry(std::string("a.bin\0x", 7), "first"), 50990},
+      {"no digest", "FileNum=1\nFileName=a.bin\n", 50991},
+      {"digest before the name", "FileNum=1\nSHA256-Digest=" + digestA_ + "\nFileName=a.bin\n", 50991},
+      {"digest of 65 characters is not cut to 64",
+       "FileNum=1\nFileName=a.bin\nSHA256-Digest=" + digestA_ + "0\n", 50991},
+      {"upper-case digest", "FileNum=1\n" + upper, 50994},
+      {"digest of another file", "FileNum=1\n" + Entry("a.bin", "second"), 50994},
+      {"entries whose digests are exchanged",
+       "FileNum=2\n" + Entry("a.bin", "second") + Entry("b.bin", "first"), 50994},
+      {"file that is not there", "FileNum=1\n" + Entry("gone.bin", ""), 50992},
+      {"directory, never an empty digest", "FileNum=1\n" + Entry(".", ""), 50992},
+  };
+  for (const auto& c : cases) EXPECT_EQ(CheckHashes(c.list), c.code) << c.fault;
+}
+
+TEST_F(FileListTest, AListCutAnywhereIsRefused) {
+  const std::string list = "FileNum=2\n" + a_ + b_;
+  for (size_t length = 0; length + 1 < list.size(); ++length) {
+    EXPECT_NE(CheckHashes(list.substr(0, length)), 0u) << "cut after " << length << " bytes";
+    EXPECT_NE(FindDigest(list.substr(0, length), "b.bin"), 0u) << "cut after " << length << " bytes";
+  }
+  EXPECT_EQ(CheckHashes(list.substr(0, list.size() - 1)), 0u) << "the last line end may be missing";
+}
+
+TEST_F(FileListTest, APackageIsFoundByItsDigestAloneWithinTheCount) {
+  const std::string list = "FileNum=2\n" + Entry("other-name", "first") + b_;
+  EXPECT_EQ(FindDigest(list, "a.bin"), 0u) << "the name must not matter";
+  EXPECT_EQ(FindDigest(list, "b.bin"), 0u);
+  EXPECT_EQ(FindDigest("FileNum=1\n" + a_ + b_, "b.bin"), 50994u) << "an entry beyond the count was taken";
+  EXPECT_EQ(FindDigest("FileNum=0\n" + a_, "a.bin"), 50994u);
+  EXPECT_EQ(FindDigest(a_, "a.bin"), 50989u);
+  EXPECT_EQ(FindDigest(list, "gone.bin"), 50992u);
+  EXPECT_EQ(FindDigest(list, ""), 50992u) << "a directory has no digest";
+  EXPECT_EQ(UpgradePackHashVerify(dir_.File("none").c_str(), UpdateFile("a.bin").c_str()), 50988u);
+  ASSERT_EQ(mkfifo(dir_.File("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(UpgradePackHashVerify(dir_.File("fifo").c_str(), UpdateFile("a.bin").c_str()), 50988u)
+      << "a list that is a pipe would block";
+}
+
+TEST_F(FileListTest, AMissingFilePassesOnlyWithoutStrictPartVerify) {
+  const std::string list = "FileNum=2\n" + Entry("gone.bin", "x") + a_;
+  TOLA_EnableSignatureVerificationLite(0x00010001);
+  EXPECT_EQ(CheckHashes(list), 0u);
+  EXPECT_THAT(log_.Lines(), Contains(UpdateFile("gone.bin") + " open fail, part file verify"));
+  EXPECT_EQ(CheckHashes("FileNum=1\n" + Entry(".", "")), 50992u)
+      << "a directory is there, so it must not pass";
+  EXPECT_EQ(CheckHashes("FileNum=2\n" + Entry("gone.bin", "x") + Entry("a.bin", "x")), 50994u);
+  TOLA_EnableSignatureVerificationLite(0x00020001);
+  EXPECT_EQ(CheckHashes(list), 50992u);
+}
+
+TEST_F(FileListTest, AFailedSearchLeavesThePositionAndNoValue) {
+  const base::FilePtr file(fopen(dir_.Write("list.txt", "one\nKey=12345\ntwo\nKey=6\n").c_str(), "r"));
+  char value[5] = "old";
+  EXPECT_EQ(GetKeyValueFromFile(file.get(), "Other=", value, sizeof(value)), kKeyMissing);
+  EXPECT_STREQ(value, "");
+  EXPECT_EQ(ftell(file.get()), 0);
+  EXPECT_EQ(GetKeyValueFromFile(file.get(), "Key=", value, sizeof(value)), kKeyUnusable)
+      << "5 characters in 4";
+  EXPECT_STREQ(value, "") << "a cut value was handed out";
+  EXPECT_EQ(ftell(file.get()), 0);
+  char room[6];
+  EXPECT_EQ(GetKeyValueFromFile(file.get(), "Key=", room, sizeof(room)), kKeyFound);
+  EXPECT_STREQ(room, "12345");
+  EXPECT_EQ(GetKeyValueFromFile(file.get(), "Key=", room, sizeof(room)), kKeyFound);
+  EXPECT_STREQ(room, "6") << "the search began again from the start";
+}
+
+TEST_F(FileListTest, DigestsAreRightAroundTheBufferSize) {
+  for (const size_t size : {0u, 1u, 262143u, 262144u, 262145u, 1000000u}) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 31 + i / 977);
+    char text[kDigestText];
+    ASSERT_EQ(CalcFileHashStr(dir_.Write("big", bytes).c_str(), text, sizeof(text)), 0u);
+    EXPECT_EQ(DigestOf(bytes), text) << size << " bytes";
+  }
+}
+
+TEST_F(FileListTest, OnlyRegularFilesAreHashedAndNothingBlocks) {
+  uint8_t digest[kDigestBytes];
+  ASSERT_EQ(mkfifo(dir_.File("fifo").c_str(), 0600), 0);
+  const base::UniqueFd server(socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(snprintf(address.sun_path, sizeof(address.sun_path), "%s", dir_.File("socket").c_str()), 100);
+  ASSERT_EQ(bind(server.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_EQ(TolaCalcFileHash(dir_.File("gone").c_str(), digest), 50955u);
+  for (const std::string& path :
+       {dir_.path(), dir_.File("fifo"), dir_.File("socket"), std::string("/dev/zero")}) {
+    EXPECT_EQ(TolaCalcFileHash(path.c_str(), digest), 50956u) << path;
+  }
+}
+
+TEST(DigestTextTest, FitsExactlyOrIsRefused) {
+  const uint8_t bytes[] = {0x00, 0x9f, 0xa0};
+  char text[8] = "zzzzzzz";
+  EXPECT_EQ(TolaChangeU8toAscChar(bytes, 3, text, 5), 50949u);
+  EXPECT_EQ(TolaChangeU8toAscChar(bytes, 3, text, 6), 0u);
+  EXPECT_STREQ(text, "009fa0z") << "wrote beyond the six characters";
+  EXPECT_EQ(TolaChangeU8toAscChar(bytes, 3, text, 7), 0u);
+  EXPECT_STREQ(text, "009fa0");
+  EXPECT_EQ(TolaChangeU8toAscChar(nullptr, 3, text, 7), 50946u);
+}
+
+}  // namespace
+}  // namespace verifytest

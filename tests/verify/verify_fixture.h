@@ -1,0 +1,92 @@
+/// A device in a directory: stored revocation lists under stored/, an update under update/, a root that the
+/// verification trusts, and the verification's log.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "frame/public_file_cfg.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/test_pki.h"
+#include "verify/crl_manage.h"
+#include "verify/signature.h"
+#include "verify/signature_normal.h"
+
+namespace verifytest {
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline bool Exists(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0;
+}
+
+class VerifyTest : public ::testing::Test {
+ protected:
+  VerifyTest() {
+    Directory() = dir_.File("stored");
+    SetCfgCallBackFunc(Mapped, nullptr);
+    TOLA_EnableSignatureVerificationLite(0x00020001);
+    testpki::ClearRoots();
+    testpki::InstallRoot(pki_.root);
+    for (const char* name : {"stored", "update"}) TOLA_CHECK(mkdir(dir_.File(name).c_str(), 0700) == 0);
+    log_.Clear();
+  }
+  ~VerifyTest() override {
+    SetCfgCallBackFunc(nullptr, nullptr);
+    TolaSignatureVerifierRegister(nullptr, nullptr);
+  }
+
+  std::string UpdateFile(const std::string& name) const { return dir_.File("update/" + name); }
+  std::string StoredFile(const std::string& name = "signature.crl") const {
+    return dir_.File("stored/" + name);
+  }
+  std::string StoredText() const { return ReadFile(StoredFile()); }
+
+  static std::string Text(const testpki::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+
+  /// SHA-256 as a list wants it; made with libcrypto, not with the code under test.
+  static std::string DigestOf(const std::string& bytes) {
+    unsigned char digest[32];
+    TOLA_CHECK(EVP_Digest(bytes.data(), bytes.size(), digest, nullptr, EVP_sha256(), nullptr) == 1);
+    std::string text;
+    for (const unsigned char byte : digest) {
+      char pair[3];
+      (void)snprintf(pair, sizeof(pair), "%02x", byte);
+      text += pair;
+    }
+    return text;
+  }
+
+  static std::string Entry(const std::string& name, const std::string& content) {
+    return "FileName=" + name + "\nSHA256-Digest=" + DigestOf(content) + "\n";
+  }
+
+  support::TempDir dir_;
+  support::LogCapture log_;
+  testpki::SmallPki pki_;
+
+ private:
+  static std::string& Directory() {
+    static std::string directory;
+    return directory;
+  }
+  static const char* Mapped(const char* path) {
+    static std::string mapped;
+    mapped = Directory() + std::string(path).substr(std::string(path).rfind('/'));
+    return mapped.c_str();
+  }
+};
+
+}  // namespace verifytest
