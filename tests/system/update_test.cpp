@@ -66,7 +66,7 @@ TEST_F(UpdateTest, SpoiltMaterialIsRefusedWithItsCodeAndTheNextRequestIsServed) 
   const std::string list = "/filelist.txt", signature = "/filelist.cms", crl = "/filelist.crl",
                     package = "/update.tar.gz";
   const Refusal refusals[] = {
-      {"no-list-at-all", 50996, [&](const std::string& dir) { std::filesystem::remove(dir + crl); }},
+      {"crl-missing", 50997, [&](const std::string& dir) { std::filesystem::remove(dir + crl); }},
       {"package-first-byte", 50994, [&](const std::string& dir) { FlipByte(dir + package, 0); }},
       {"package-last-byte", 50994,
        [&](const std::string& dir) {
@@ -88,6 +88,9 @@ TEST_F(UpdateTest, SpoiltMaterialIsRefusedWithItsCodeAndTheNextRequestIsServed) 
   };
   board_.StartDaemon();
   board_.StartMain();
+  auto unlisted = Deliver(GoodPackage("unlisted"), "unlisted");
+  unlisted.resize(unlisted.size() - 2);
+  EXPECT_EQ(board_.Request(unlisted).result, 50996) << "no revocation list is supplied and none is stored";
   for (const Refusal& refusal : refusals) {
     const std::string dir = GoodPackage(refusal.name);
     refusal.spoil(dir);
@@ -168,8 +171,8 @@ TEST_F(UpdateTest, ScriptAndRequestFaultsHaveTheirCodes) {
   EXPECT_EQ(ask("nopackage", kOkScript, {"--package", ""}), 9476);
   EXPECT_EQ(ask("nolist", kOkScript, {"--list", ""}), 9476);
 
-  EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 18703)
-      << "without a signature an authorisation is asked for, and nobody takes the question";
+  EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 1)
+      << "without a signature an authorisation is asked for, and the question cannot be sent";
 }
 
 TEST_F(UpdateTest, OddMembersOfASignedPackageWriteNothingOutsideItsDirectory) {
