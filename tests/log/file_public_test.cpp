@@ -161,7 +161,7 @@ TEST_F(CommandTest, VectorWayGivesTheExitCodeAndNamesTheCaller) {
   } rows[] = {
       {"true", nullptr, 0, {}},
       {"/bin/sh -c \"kill -9 $$\"", nullptr, 1, {"excev abnormal:9,", "excev err:/bin/sh -c"}},
-      {"/no/such-program", nullptr, 127, {"excev err:127,2,/no/such-program", "excev err:/no/such-program"}},
+      {"/no/such-program", nullptr, 127, {"excev err:127,", "excev err:/no/such-program"}},
       {"false pass", "login", 1, {"excev err:1,", "excev err:login"}},
       {"false pass", nullptr, 1, {"excev err:1,"}},
       {"  ", nullptr, 1, {"excev err:  "}},
