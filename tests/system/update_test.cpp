@@ -239,6 +239,14 @@ TEST_F(UpdateTest, ScriptRunsUnderItsCpuLimit) {
   EXPECT_EQ(board_.Read("/tmp/answer").rfind("result 0 ", 0), 0u) << board_.Read("/tmp/answer");
 }
 
+TEST_F(UpdateTest, DaemonOutlivesWhatNoHonestRequesterSends) {
+  board_.StartDaemon();
+  board_.Put(TOLA_WIRE_TEST, "/tmp/wire_board_test");
+  const auto run = board_.Exec({"/tmp/wire_board_test"});
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(board_.DaemonRuns());
+}
+
 TEST_F(UpdateTest, RequesterSaysHowToUseItAndWhenNobodyAnswers) {
   EXPECT_EQ(board_.Exec({"update_request", "--script"}).status, 2);
   EXPECT_EQ(board_.Exec({"update_request", "--cpu-limit", "fast"}).status, 2);
