@@ -175,6 +175,18 @@ void WordWait(std::atomic<uint32_t>& word, uint32_t expected, const Deadline& de
   FutexWait(word, expected, &time);
 }
 
+void WaitBriefly(uint32_t turn) {
+  if (turn >= 64) {
+    (void)sched_yield();
+    return;
+  }
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+  __asm__ __volatile__("yield");
+#endif
+}
+
 void WordWake(std::atomic<uint32_t>& word, uint32_t count) {
   FutexWake(word, count);
 }

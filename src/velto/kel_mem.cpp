@@ -6,7 +6,6 @@
 /// are stored inverted: they keep nothing alive in the eyes of a leak checker, which then sees real leaks.
 #include "velto/kel_mem.h"
 
-#include <sched.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,6 +15,7 @@
 
 #include "velto/kel_cfg_table.h"
 #include "velto/kel_table.h"
+#include "velto/kel_wait.h"
 
 namespace velto {
 namespace {
@@ -52,9 +52,9 @@ Header* Show(uintptr_t link) {
 class Chain {
  public:
   explicit Chain(std::atomic<uintptr_t>& head) : head_(head) {
-    for (uint32_t tries = 1; ((first_ = head_.fetch_or(kLocked, std::memory_order_acquire)) & kLocked) != 0;
-         ++tries) {
-      if (tries % 64 == 0) (void)sched_yield();  // the holder may need this very processor
+    for (uint32_t turn = 0; ((first_ = head_.fetch_or(kLocked, std::memory_order_acquire)) & kLocked) != 0;
+         ++turn) {
+      WaitBriefly(turn);
     }
   }
   ~Chain() { head_.store(first_, std::memory_order_release); }

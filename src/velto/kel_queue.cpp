@@ -6,7 +6,6 @@
 ///
 /// A queue that becomes longer than its ring gets a second ring: the first one's tail is closed, writers go
 /// to the new ring, readers drain the old one first. Old rings are kept until the queue is deleted.
-#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -19,6 +18,7 @@
 #include "base/owners.h"
 #include "velto/kel_sync.h"
 #include "velto/kel_table.h"
+#include "velto/kel_wait.h"
 
 namespace velto {
 namespace {
@@ -110,7 +110,7 @@ void CopyEntry(void* to, const void* from, uint32_t size) {
 }
 
 uint32_t Write(Queue& queue, const void* entry) {
-  for (;;) {
+  for (uint32_t turns = 0;;) {
     Ring& ring = *queue.writeRing.load(std::memory_order_acquire);
     uint64_t position = ring.tail.load(std::memory_order_acquire);
     // Head is read after tail: if the claim below succeeds, no more than this stands in the queue.
@@ -122,7 +122,7 @@ uint32_t Write(Queue& queue, const void* entry) {
     Cell& cell = ring.At(position);
     const uint32_t turn = ring.WriteTurn(position);
     if (cell.turn.load(std::memory_order_acquire) != turn) {  // its reader still copies
-      (void)sched_yield();
+      WaitBriefly(turns++);
       continue;
     }
     if (!ring.tail.compare_exchange_strong(position, position + 1)) continue;
@@ -133,7 +133,7 @@ uint32_t Write(Queue& queue, const void* entry) {
 }
 
 uint32_t Read(Queue& queue, void* entry) {
-  for (;;) {
+  for (uint32_t turns = 0;;) {
     Ring* ring = queue.readRing.load(std::memory_order_acquire);
     uint64_t position = ring->head.load(std::memory_order_acquire);
     Cell& cell = ring->At(position);
@@ -146,7 +146,7 @@ uint32_t Read(Queue& queue, void* entry) {
     }
     const uint64_t tail = ring->tail.load(std::memory_order_acquire);
     if ((tail & ~kClosed) > position) {  // its writer still copies, or another reader was faster
-      (void)sched_yield();
+      WaitBriefly(turns++);
       continue;
     }
     if ((tail & kClosed) == 0) return kKelErrQueueEmpty;

@@ -41,6 +41,10 @@ class Deadline {
 /// looks at its state and the deadline again.
 void WordWait(std::atomic<uint32_t>& word, uint32_t expected, const Deadline& deadline);
 
+/// Lets a thread that is in the middle of a few instructions finish them: a short pause, and from the 64th
+/// `turn` on the processor is given away, since that thread may need this very one.
+void WaitBriefly(uint32_t turn);
+
 /// Wakes up to `count` threads that sleep on `word`.
 void WordWake(std::atomic<uint32_t>& word, uint32_t count);
 
