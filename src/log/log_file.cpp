@@ -11,7 +11,6 @@
 #include "log/file_public.h"
 #include "log/log_file_state.h"
 #include "log/log_lock.h"
-#include "velto/kel_clock.h"
 
 namespace runlog {
 
@@ -39,7 +38,7 @@ std::atomic<LogReport> g_report{nullptr};
 std::atomic<uint16_t> g_reportModule{0};
 std::atomic<const TOLA_FILE_BACKUP_S*> g_backups{nullptr};
 std::atomic<uint32_t> g_backupCount{0};
-std::atomic<uint32_t> g_lastExistCheck{0};
+uint32_t g_lastExistCheck = 0;  // in seconds since 1970
 
 void PrintRecordError(const Record& record) {
   printf("err %s,%d\n", record.file.data(), static_cast<int>(record.line));
@@ -62,6 +61,30 @@ void MoveToBackup() {
   }
 }
 
+/// Mode and owner of a new current file: those of `predecessor`, which spares the look-up of the account and
+/// the memory that it takes, else the platform's.
+uint32_t SetProperty(FILE* file, const struct stat* predecessor) {
+  if (predecessor == nullptr) return ChangeFileProperty(g_files.names.current);
+  const int fd = fileno(file);
+  if (fchmod(fd, S_IRUSR | S_IWUSR) != 0) return kFailure;
+  const bool isGiven = fchown(fd, predecessor->st_uid, predecessor->st_gid) == 0;
+  return isGiven || geteuid() != 0 ? kSuccess : kFailure;  // only root can always give a file away
+}
+
+uint32_t OpenCurrent(const struct stat* predecessor) {
+  CloseLogFile(g_files.file);
+  FILE* file = OpenLogFile(g_files.names.current, O_CREAT);
+  if (file == nullptr) {
+    PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
+    return kFailure;
+  }
+  const uint32_t result = SetProperty(file, predecessor);
+  if (result != kSuccess) PrintFileError(result, LogBaseName(__FILE__), __LINE__);  // still a log
+  ReserveSpace(file);
+  g_files.file = file;
+  return kSuccess;
+}
+
 void TurnOver() {
   if (WriteCurrent(kEndMarker, g_files.offset) == WriteResult::kFailed)
     PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
@@ -71,10 +94,14 @@ void TurnOver() {
     (void)WriteFreshHead(kFirstOffset);  // reported there; the record is tried all the same
     return;
   }
+  struct stat full = {};
+  FILE* file = g_files.file;  // a hook may have taken it away
+  const bool isKnown = file != nullptr && fstat(fileno(file), &full) == 0;
   CloseLogFile(g_files.file);
   BackupFileToSpecificPath(g_files.names.current);
   MoveToBackup();
-  (void)CreatRunLogFile();  // without a file the record is lost, and the next one tries again
+  (void)OpenCurrent(isKnown ? &full
+                            : nullptr);  // without a file the record is lost, and the next one tries again
   g_files.offset = 0;
 }
 
@@ -100,10 +127,6 @@ void WriteLine(const Record& record, std::string_view line) {
   }
   g_files.offset = end;
   g_files.addNum.fetch_add(1, std::memory_order_relaxed);
-}
-
-uint32_t MonotonicSecond() {
-  return static_cast<uint32_t>(KEL_ClockMonotonicNs() / 1'000'000'000u);
 }
 
 }  // namespace
@@ -162,18 +185,7 @@ const LogFileNames& GetLogFileNames() {
 }
 
 uint32_t CreatRunLogFile() {
-  runlog::CloseLogFile(g_files.file);
-  FILE* file = runlog::OpenLogFile(g_files.names.current, O_CREAT);
-  if (file == nullptr) {
-    runlog::PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
-    return kFailure;
-  }
-  const uint32_t result = ChangeFileProperty(g_files.names.current);
-  if (result != kSuccess)
-    runlog::PrintFileError(result, LogBaseName(__FILE__), __LINE__);  // a log of another owner is still a log
-  runlog::ReserveSpace(file);
-  g_files.file = file;
-  return kSuccess;
+  return runlog::OpenCurrent(nullptr);
 }
 
 void WriteArm9LogTofile(const runlog::Record& record) {
@@ -206,11 +218,8 @@ void BackupFileToSpecificPath(const char* path) {
   }
 }
 
-void CheckRunLogFileExist() {
-  const uint32_t now = runlog::MonotonicSecond();
+void CheckRunLogFileExist(uint32_t now) {
   if (now - runlog::g_lastExistCheck < runlog::kExistCheckSeconds) return;
-  const runlog::LogLock lock;
-  if (!lock.IsHeld() || now - runlog::g_lastExistCheck < runlog::kExistCheckSeconds) return;
   runlog::g_lastExistCheck = now;
   SaveFullRecord();
   const base::UniqueFd fd(open(g_files.names.current, runlog::kOpenFlags));
@@ -219,8 +228,8 @@ void CheckRunLogFileExist() {
   runlog::CloseLogFile(g_files.file);
 }
 
-void RestartExistCheck() {
-  runlog::g_lastExistCheck = runlog::MonotonicSecond();
+void RestartExistCheck(uint32_t now) {
+  runlog::g_lastExistCheck = now;
 }
 
 uint32_t TolaRegFileBackupPath(const TOLA_FILE_BACKUP_S* table, uint32_t count) {

@@ -13,6 +13,7 @@
 #include "log/file_public.h"
 #include "log/log_file_state.h"
 #include "log/log_lock.h"
+#include "velto/kel_clock.h"
 
 namespace runlog {
 namespace {
@@ -131,13 +132,13 @@ uint32_t StartRunLogFile(uint32_t maxSize) {
   g_files.maxSize = maxSize == 0 ? kLogDefaultMaxSize : maxSize;
   g_files.addNum = 0;
   if (CreatRunLogFile() != kSuccess) return kFailure;
-  RestartExistCheck();
+  RestartExistCheck(runlog::WallSecond(KEL_ClockWallNs()));
   return g_files.overwrite ? runlog::StartOverwriting() : runlog::StartAppending();
 }
 
 uint32_t ResumeRunLogFile() {
   if (CreatRunLogFile() != kSuccess) return kFailure;
-  RestartExistCheck();
+  RestartExistCheck(runlog::WallSecond(KEL_ClockWallNs()));
   return fseeko(g_files.file, static_cast<off_t>(g_files.offset), SEEK_SET) == 0 ? kSuccess : kFailure;
 }
 

@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <charconv>
+
 #include "base/result_codes.h"
 #include "boundscheck/securec.h"
 #include "log/log_lock.h"
@@ -19,6 +21,16 @@ bool HasName(const TOLA_MODULE_NAME_S& entry) {
 
 bool IsTooLong(const TOLA_MODULE_NAME_S& entry) {
   return entry.name != nullptr && strnlen(entry.name, kModuleNameMax + 1) > kModuleNameMax;
+}
+
+/// "M%02hu" without the price of a format, since most modules have no name.
+std::string_view NumberedName(uint16_t moduleId, char (&buffer)[kModuleNameSize]) {
+  char* at = buffer;
+  *at++ = 'M';
+  if (moduleId < 10) *at++ = '0';
+  at = std::to_chars(at, buffer + sizeof(buffer) - 1, moduleId).ptr;
+  *at = '\0';
+  return {buffer, static_cast<size_t>(at - buffer)};
 }
 
 }  // namespace
@@ -59,8 +71,7 @@ std::string_view ModuleName(uint16_t moduleId, char (&buffer)[kModuleNameSize]) 
     (void)strncpy_s(buffer, sizeof(buffer), g_entries[i].name, kModuleNameMax);
     return buffer;
   }
-  const int length = snprintf_s(buffer, sizeof(buffer), sizeof(buffer) - 1, "M%02hu", moduleId);
-  return {buffer, length > 0 ? static_cast<size_t>(length) : 0};
+  return NumberedName(moduleId, buffer);
 }
 
 }  // namespace runlog

@@ -3,7 +3,6 @@
 #include <stddef.h>
 #include <string.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 
@@ -58,9 +57,13 @@ __attribute__((format(printf, 2, 0))) std::string_view FormatMessage(const Recor
     const bool isCut = length == sizeof(message) - 1;
     if (!isCut) printf("err!%s,%d\n", record.file.data(), static_cast<int>(record.line));
   }
-  std::replace_if(
-      message, message + length, [](char c) { return c == '\n' || c == '\r'; }, ' ');
-  return {message, static_cast<size_t>(length)};
+  const size_t end = static_cast<size_t>(length);
+  for (const char lineEnd : {'\n', '\r'}) {
+    for (void* at = memchr(message, lineEnd, end); at != nullptr; at = memchr(message, lineEnd, end)) {
+      *static_cast<char*>(at) = ' ';
+    }
+  }
+  return {message, end};
 }
 
 void Echo(const Record& record) {
@@ -72,6 +75,10 @@ void Echo(const Record& record) {
 /// What is done with a record once the semaphore is held.
 __attribute__((format(printf, 2, 0))) void PrintRecord(const TOLA_LOG_PARA_S& para, const char* fmt,
                                                        va_list args) {
+  Clock().Set(KEL_ClockWallNs());
+  const uint32_t now = Clock().Second();
+  CheckRunLogFileExist(now);
+
   char moduleName[kModuleNameSize] = "";
   Record record = {.moduleId = para.moduleId,
                    .level = para.level,
@@ -81,9 +88,7 @@ __attribute__((format(printf, 2, 0))) void PrintRecord(const TOLA_LOG_PARA_S& pa
                    .message = {}};
   record.message = FormatMessage(record, fmt, args);
   record.module = ModuleName(para.moduleId, moduleName);
-  Clock().Set(KEL_ClockWallNs());
 
-  const uint32_t now = Clock().Second();
   Repeats().Sweep(now);
   const uint8_t printPara = GetPrintPara(para.moduleId);
   if ((printPara & kLogParaEcho) != 0) Echo(record);
@@ -194,7 +199,6 @@ void TOLA_LogPrint(uint16_t moduleId, uint32_t level, const char* file, uint32_t
 void TOLA_LogPrintValist(const TOLA_LOG_PARA_S* record, const char* fmt, va_list args) {
   if (runlog::IsLogStopped()) return;
   if (!runlog::PassesLevel(record->moduleId, record->level)) return;
-  CheckRunLogFileExist();
   const LogLock lock;
   if (lock.IsFailed()) puts("!P");
   if (lock.IsHeld()) runlog::PrintRecord(*record, fmt, args);
