@@ -7,7 +7,7 @@
 
 #include "base/owners.h"
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
+#include "cms/cert_cache.h"
 #include "cms/cms_log.h"
 #include "cms/decode.h"
 #include "cms/input_file.h"
@@ -158,7 +158,7 @@ uint32_t SigvfyVerifyAddCert(SigvfyCtx* ctx, const uint8_t* bytes, size_t length
   if (code == kSuccess) code = SigvfyCheckBufLen(bytes, length);
   if (code != kSuccess) return code;
   const ErrorQueueGuard guard;
-  return cms::Contained([&] { return cms::DecodeCertificates({bytes, length}, ctx->store->certs); });
+  return cms::Contained([&] { return cms::CertCache::Get().Decode({bytes, length}, ctx->store->certs); });
 }
 
 uint32_t SigvfyVerifyAddCrlFile(SigvfyCtx* ctx, const char* path) {
