@@ -31,7 +31,9 @@
 
 /// @retval 0 every listed member is safe; also a path of no known kind, which is not examined, and a package
 /// that cannot be listed, which cannot be unpacked either
-/// @retval 1 refused @retval kErrFormat the command does not fit @retval kErrShift from CheckOneFileName
+/// @retval 1 a member or the path is refused: characters, a leading '-', for a zip also blanks and what else
+/// would make more than one word of it in a shell @retval kErrFormat the command does not fit @retval
+/// kErrShift from CheckOneFileName
 [[nodiscard]] uint32_t CheckFileNameInCompressedPackage(const char* packagePath);
 
 /// Writes the command that lists a zip. @retval kErrFormat it does not fit `size` characters with terminator
