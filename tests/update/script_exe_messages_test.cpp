@@ -42,9 +42,10 @@ void Fill(Request& request) {
   request.caType = 7;
   request.featureId = 0x08090A0B;
   request.checkFeatureId = 1;
-  for (size_t i = 0; i < std::size(kFields); ++i) {
-    const std::string text(i + 1, "suplgce"[i]);
-    ASSERT_EQ((request.*kFields[i].set)(text.data(), static_cast<uint32_t>(text.size())), 0u);
+  std::string text;
+  for (const FieldRow& row : kFields) {
+    text.assign(text.size() + 1, "suplgce"[text.size()]);
+    ASSERT_EQ((request.*row.set)(text.data(), static_cast<uint32_t>(text.size())), 0u);
   }
 }
 
