@@ -110,6 +110,7 @@ class Runtime {
     EXPECT_EQ(RTF_CompTypeRegister(kTestCsi, &type), 0u);
     for (uint32_t stage = 0; stage < 3; ++stage)
       EXPECT_EQ(RTF_CompInstCreate(stage, kTestCsi, &instance), 0u);
+    EXPECT_EQ(RTF_ScmCompStmMaxMsgNumSet(instance.cpi, 0, 0, 1000), 0u) << "no answer is to be refused here";
     EXPECT_FALSE(std::filesystem::exists(SocketFile(kTestProcess)))
         << "bound before anybody handles a message";
     EXPECT_EQ(RTF_CompInstSchEnable(instance.cpi, 1), 0u);
@@ -192,6 +193,18 @@ class DmsTest : public testing::Test {
     EXPECT_EQ(Send(kEcho, why), 0u) << why;
     EXPECT_EQ(inbox_.Take().data, why);
   }
+  // Asks the peer until so many messages are live in it: it sees what happens on other connections in its own
+  // time.
+  void ExpectLive(uint64_t expected, const char* why) {
+    uint64_t live = 0;
+    for (int i = 0; i < 1000 && live != expected; ++i) {
+      ASSERT_EQ(Send(kCount), 0u);
+      const std::string count = inbox_.Take().data;
+      ASSERT_EQ(count.size(), sizeof(live));
+      memcpy(&live, count.data(), sizeof(live));
+    }
+    EXPECT_EQ(live, expected) << why;
+  }
 
   Runtime& runtime_ = Runtime::Get();
   Inbox& inbox_ = Inbox::Get();
@@ -231,6 +244,19 @@ void RawSend(int fd, const WireHead& head, size_t dataSize) {
   std::string packet(sizeof(head) + dataSize, 'x');
   memcpy(packet.data(), &head, sizeof(head));
   (void)!send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);  // the peer may have closed already
+}
+
+// Sends a message of `total` bytes and gives the peer's answer.
+uint32_t RawSendWhole(int fd, uint32_t total) {
+  WireHead head = HeadFor(total);
+  do {
+    const uint32_t size = std::min(kWireDataMax, total - head.offset);
+    RawSend(fd, head, size);
+    head.offset += size;
+  } while (head.offset < total);
+  uint32_t answer = UINT32_MAX;
+  EXPECT_EQ(recv(fd, &answer, sizeof(answer), 0), 4);
+  return answer;
 }
 
 // Whether the peer closes the connection instead of answering; waits for one or the other.
@@ -355,6 +381,9 @@ TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {
   for (const auto& c : cases) {
     const UniqueFd raw = RawConnect(runtime_.SocketFile(207));
     RawSend(raw.get(), c.head, c.dataSize);
+    WireHead rest = c.head;  // with it a receiver that let the first packet pass would answer
+    rest.offset = static_cast<uint32_t>(c.dataSize);
+    if (rest.offset < rest.total) RawSend(raw.get(), rest, std::min(kWireDataMax, rest.total - rest.offset));
     EXPECT_TRUE(IsClosedByPeer(raw.get())) << c.what;
     ExpectServed(c.what);
   }
@@ -372,29 +401,31 @@ TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {
 }
 
 TEST_F(DmsTest, ThePeersOwnBoundsHoldWhateverTheSenderBelieves) {
-  Peer peer(208, runtime_.Config("short.cfg", runtime_.dir(), 100));
+  Peer peer(208);
   Know(208);
-  const UniqueFd tooLong = RawConnect(runtime_.SocketFile(208));
-  WireHead head = HeadFor(kMessageMax + 1);
-  for (; head.offset < head.total; head.offset += kWireDataMax) {
-    RawSend(tooLong.get(), head, std::min(kWireDataMax, head.total - head.offset));
+  const UniqueFd other = RawConnect(runtime_.SocketFile(208));
+  EXPECT_EQ(RawSendWhole(other.get(), kMessageMax + 1), kDmsErrTooLong) << "read to its end, kept nowhere";
+  std::vector<UniqueFd> halves;
+  for (int i = 0; i < 4; ++i) {
+    halves.push_back(RawConnect(runtime_.SocketFile(208)));
+    RawSend(halves.back().get(), HeadFor(kMessageMax), kWireDataMax);
   }
-  uint32_t answer = 0;
-  EXPECT_EQ(recv(tooLong.get(), &answer, sizeof(answer), 0), 4);
-  EXPECT_EQ(answer, kDmsErrTooLong) << "read to its end, kept nowhere";
+  ExpectLive(5, "four halves and the question");
+  EXPECT_EQ(RawSendWhole(other.get(), 1), kDmsErrRefused) << "memory for what is put together is not bounded";
+  halves.clear();
+  ExpectLive(1, "a half message was kept after its connection");
+}
 
-  std::vector<UniqueFd> silent;
-  for (int i = 0; i < 6; ++i) {
-    silent.push_back(RawConnect(runtime_.SocketFile(208)));
-    RawSend(silent.back().get(), HeadFor(kMessageMax), kWireDataMax);
-  }
-  for (const UniqueFd& fd : silent) EXPECT_TRUE(IsClosedByPeer(fd.get())) << "silence within a message";
-  ASSERT_EQ(Send(kCount), 0u);
-  const std::string count = inbox_.Take().data;
-  ASSERT_EQ(count.size(), sizeof(uint64_t));
-  uint64_t live = 0;
-  memcpy(&live, count.data(), sizeof(live));
-  EXPECT_EQ(live, 1u) << "half a message was kept after its connection";
+TEST_F(DmsTest, APeerThatFallsSilentWithinAMessageIsDropped) {
+  Peer peer(215, runtime_.Config("short.cfg", runtime_.dir(), 100));
+  Know(215);
+  const UniqueFd idle = RawConnect(runtime_.SocketFile(215));
+  const UniqueFd silent = RawConnect(runtime_.SocketFile(215));
+  RawSend(silent.get(), HeadFor(kMessageMax), kWireDataMax);
+  EXPECT_TRUE(IsClosedByPeer(silent.get()));
+  ExpectLive(1, "the half message was kept");
+  EXPECT_EQ(RawSendWhole(idle.get(), 0), 0u) << "silence between messages is no fault";
+  EXPECT_EQ(inbox_.Take().id, kEcho + 100);
 }
 
 TEST_F(DmsTest, IdleConnectionsDoNotKeepOthersOut) {

@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <deque>
 #include <mutex>
 #include <semaphore>
-#include <thread>
 #include <vector>
 
 #include "velto/dms.h"
@@ -24,8 +24,12 @@ struct World {
   std::counting_semaphore<> arrived{0}, proceed{0};
   std::vector<uint32_t> stages;
   uint32_t failStage = UINT32_MAX;
-  int destroyed = 0;
-}* gWorld = nullptr;
+  std::counting_semaphore<> destroyed{0};
+};
+
+// One a test, kept until the end: an instance's task may outlive the test that it destroyed itself in.
+std::deque<World>& gWorlds = *new std::deque<World>;
+World* gWorld = nullptr;
 
 constexpr uint32_t kHoldId = 1, kSuicideId = 2;
 
@@ -50,7 +54,7 @@ class RtfTest : public testing::Test {
     return stage == gWorld->failStage ? 7 : 0;
   }
   static uint32_t Destruct() {
-    ++gWorld->destroyed;
+    gWorld->destroyed.release();
     return 0;
   }
   static void Entry(void* message) {
@@ -90,7 +94,7 @@ class RtfTest : public testing::Test {
     return count;
   }
 
-  World world_;
+  World& world_ = gWorlds.emplace_back();
   uint32_t csi_ = 0, handle_ = 0;
 };
 
@@ -146,7 +150,7 @@ TEST_F(RtfTest, DestroyingFinishesTheMessageInHandAndFreesTheRest) {
   ASSERT_EQ(Send(11, 1), 0u);
   world_.proceed.release();
   EXPECT_EQ(RTF_CompInstDestroy(Cpi()), 0u);
-  EXPECT_EQ(world_.destroyed, 1);
+  EXPECT_TRUE(world_.destroyed.try_acquire()) << "the destructor was not called";
   EXPECT_EQ(Live(), 0u);
   EXPECT_EQ(world_.ids[0], kHoldId);
   EXPECT_EQ(Send(12), kDmsErrNoAddr);
@@ -157,7 +161,7 @@ TEST_F(RtfTest, AnEntryMayDestroyItsOwnInstance) {
   Start();
   ASSERT_EQ(Send(kSuicideId), 0u);
   Arrived(1);
-  while (Live() != 0) std::this_thread::yield();
+  world_.destroyed.acquire();
 }
 
 TEST(DmsMessageTest, ForeignAndFreedPointersAreNoMessages) {
