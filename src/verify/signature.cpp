@@ -1,9 +1,6 @@
 #include "verify/signature.h"
 
-#include <openssl/crypto.h>
-
 #include "base/result_codes.h"
-#include "cms/openssl_owners.h"
 #include "cms/root_ca.h"
 #include "log/run_log.h"
 #include "verify/crl_manage.h"
@@ -34,9 +31,6 @@ bool TolaSignatureVerifierRegistered() {
 }
 
 void TOLA_EnableSignatureVerificationLite(uint32_t enableInfo) {
-  // A failure of either shows at the first verification, which then refuses.
-  (void)cms::InitCrypto();
-  (void)OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_DIGESTS | OPENSSL_INIT_ADD_ALL_CIPHERS, nullptr);
   TolaSignatureVerifierRegister(CMSSignatureVerify, UpgradePackSignatureVerify);
   g_enableInfo = enableInfo;
   LOG_EVT(kVerifyLogModule, "Signature, forced %u, part verify %u", ForcedMode(), SignaturePartVerifyMode());

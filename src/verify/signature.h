@@ -53,13 +53,14 @@ void TolaSignatureVerifierRegister(SingleFileVerifier single, MultipleFileVerifi
 /// True when both verifiers are registered.
 [[nodiscard]] bool TolaSignatureVerifierRegistered();
 
-/// Readies the crypto library without reading any configuration file of it, registers CMSSignatureVerify and
-/// UpgradePackSignatureVerify, and stores `enableInfo`: low 16 bits the forced mode (2: reported as off),
-/// third byte the part-verify mode (2: a listed file that cannot be opened is an error).
+/// Registers CMSSignatureVerify and UpgradePackSignatureVerify and stores `enableInfo`: low 16 bits the
+/// forced mode (2: reported as off), third byte the part-verify mode (2: a listed file that cannot be opened
+/// is an error). The crypto library is set up by the first verification, without any configuration file of
+/// it.
 void TOLA_EnableSignatureVerificationLite(uint32_t enableInfo);
 
 /// The Lite form, then the built-in RSA-2048 and RSA-3072 roots, then RestoreStoredCrlAtStart(). Call it
-/// after the path configuration is loaded. The digests themselves are set up by the first verification.
+/// after the path configuration is loaded.
 /// @retval 0 success @retval other the root table's code; verification then has too few roots to succeed
 [[nodiscard]] uint32_t TolaEnableSignatureVerification(uint32_t enableInfo);
 

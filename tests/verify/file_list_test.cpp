@@ -2,6 +2,8 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <thread>
+
 #include "base/owners.h"
 #include "verify/signature_verify_public.h"
 #include "verify_fixture.h"
@@ -134,6 +136,21 @@ TEST_F(FileListTest, DigestsAreRightAroundTheBufferSize) {
     ASSERT_EQ(CalcFileHashStr(dir_.Write("big", bytes).c_str(), text, sizeof(text)), 0u);
     EXPECT_EQ(DigestOf(bytes), text) << size << " bytes";
   }
+}
+
+TEST_F(FileListTest, ThreadsThatHashAtOnceDoNotMixTheirBytes) {
+  std::vector<std::thread> threads;
+  std::vector<char> right(4, 0);
+  for (size_t t = 0; t < right.size(); ++t) {
+    threads.emplace_back([&, t] {
+      const std::string bytes(600000 + t, static_cast<char>('a' + t));
+      const std::string path = dir_.Write("thread" + std::to_string(t), bytes);
+      char text[kDigestText];
+      right[t] = CalcFileHashStr(path.c_str(), text, sizeof(text)) == 0 && DigestOf(bytes) == text;
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_THAT(right, ::testing::Each(1)) << "the buffer was shared without its lock";
 }
 
 TEST_F(FileListTest, OnlyRegularFilesAreHashedAndNothingBlocks) {

@@ -37,7 +37,7 @@ std::string Clean(const std::string& text) {
   return clean;
 }
 
-void PrintText(const PackageDescription& what, const Verdict& verdict) {
+void PrintDescription(const PackageDescription& what) {
   printf("package %s/%s\n", what.directory.c_str(), Clean(what.package).c_str());
   for (const std::string& entry : what.entries) printf("  %s\n", Clean(entry).c_str());
   printf("file list %s, %zu listed\n", Clean(what.names.list).c_str(), what.files.size());
@@ -63,6 +63,9 @@ void PrintText(const PackageDescription& what, const Verdict& verdict) {
   }
   if (what.crls.empty() && !what.hasCrl) printf("no revocation list beside it\n");
   for (const std::string& trouble : what.troubles) printf("trouble: %s\n", Clean(trouble).c_str());
+}
+
+void PrintVerdict(const Verdict& verdict) {
   if (UsesDevelopmentRoots()) printf("this build trusts development roots\n");
   if (verdict.accepted) {
     printf("ACCEPTED\n");
@@ -155,10 +158,13 @@ int RunInspect(std::span<char* const> arguments) {
   if (words.size() != 1) return RefuseUsage("name one package directory", kUsage);
   std::error_code fault;
   const std::string directory = std::filesystem::canonical(words[0], fault).string();
-  if (fault) return RefuseUsage("there is no directory " + words[0], kUsage);
+  if (fault) error = "there is no directory " + words[0];
 
   PackageDescription what;
-  if (!Describe(directory, list, !verdictOnly, what, error)) return RefuseUsage(error, kUsage);
+  if (!error.empty() || !Describe(directory, list, !verdictOnly, what, error)) {
+    (void)Refuse(error);
+    return kExitUsage;  // 1 is a package's refusal, and there is no package
+  }
   question.caType = static_cast<uint16_t>(type);
   question.listPath = directory + "/" + what.names.list;
   question.signaturePath = directory + "/" + what.names.signature;
@@ -166,6 +172,11 @@ int RunInspect(std::span<char* const> arguments) {
   question.packagePath = directory + "/" + what.package;
   Verdict verdict;
   if (!AskProduct(question, verdict, error)) return Refuse(error);
-  json ? PrintJson(what, verdict) : PrintText(what, verdict);
+  if (json) {
+    PrintJson(what, verdict);
+  } else {
+    if (!verdictOnly) PrintDescription(what);
+    PrintVerdict(verdict);
+  }
   return verdict.accepted ? kExitDone : kExitRefused;
 }
