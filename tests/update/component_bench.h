@@ -17,6 +17,7 @@
 
 #include "comp/comp_manager.h"
 #include "comp/comp_msg.h"
+#include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "velto/kel_cfg.h"
 
@@ -108,10 +109,12 @@ inline void StartComponents(const std::vector<TestComponent>& components) {
 }
 
 /// Ends the process of a case that runs in one of its own, where no destructor runs.
-[[noreturn]] inline void LeaveProcess(const std::string& dir) {
+[[noreturn]] inline void LeaveProcess(const support::TempDir& dir, const support::LogCapture& log) {
   std::error_code ignored;
-  std::filesystem::remove_all(dir, ignored);
-  std::filesystem::remove_all(SocketDir().path(), ignored);
+  const std::filesystem::path logs = std::filesystem::path(log.CurrentFile()).parent_path();
+  for (const std::string& left : {dir.path(), logs.string(), SocketDir().path()}) {
+    std::filesystem::remove_all(left, ignored);
+  }
   _exit(::testing::Test::HasFailure() ? 1 : 0);
 }
 

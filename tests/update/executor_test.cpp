@@ -95,15 +95,15 @@ class ExecutorTest : public update_test::UpdateTest {
     ASSERT_EQ(request.SetSignatureFileName("list.cms", 8), 0u);
     ASSERT_EQ(request.SetSignatureCrlFileName("list.crl", 8), 0u);
   }
-  static uint32_t Send(TolaMsgExeUpdateScriptData& request, uint16_t seqNo) {
-    return SendUpdateExeScriptMsg(kRequester, seqNo, request);
+  static void Send(TolaMsgExeUpdateScriptData& request, uint16_t seqNo) {
+    ASSERT_EQ(SendUpdateExeScriptMsg(kRequester, seqNo, request), 0u);
   }
   void SendSigned(uint16_t seqNo, bool checkFeatureId = false, uint32_t featureId = 0) const {
     TolaMsgExeUpdateScriptData request;
     Fill(request, dir_.File("sig").c_str());
     request.checkFeatureId = checkFeatureId ? 1 : 0;
     request.featureId = featureId;
-    ASSERT_EQ(Send(request, seqNo), 0u);
+    Send(request, seqNo);
   }
   void SendForAuthorisation(uint16_t seqNo, const std::string& extend = "") const {
     TolaMsgExeUpdateScriptData request;
@@ -111,7 +111,7 @@ class ExecutorTest : public update_test::UpdateTest {
     if (!extend.empty()) {
       ASSERT_EQ(request.SetExtendScriptPara(extend.c_str(), static_cast<uint32_t>(extend.size())), 0u);
     }
-    ASSERT_EQ(Send(request, seqNo), 0u);
+    Send(request, seqNo);
   }
   /// The next reply is to `seqNo`; its result.
   static uint32_t ReplyTo(uint16_t seqNo) {
@@ -184,18 +184,18 @@ TEST_F(ExecutorTest, RequestsWithoutTheirFieldsAreAnsweredAndGarbledOnesAreNot) 
   TolaMsgExeUpdateScriptData empty;
   empty.requesterTaskId = kTaskId;
   uint16_t seqNo = NewSeqNo();
-  ASSERT_EQ(Send(empty, seqNo), 0u);
+  Send(empty, seqNo);
   EXPECT_EQ(ReplyTo(seqNo), kExeErrPara);
   TolaMsgExeUpdateScriptData noList;
   Fill(noList, "/sig");
   noList.fileListFileName.Reset();
-  ASSERT_EQ(Send(noList, seqNo = NewSeqNo()), 0u);
+  Send(noList, seqNo = NewSeqNo());
   EXPECT_EQ(ReplyTo(seqNo), kExeErrPara);
   TolaMsgExeUpdateScriptData tooLong;
   Fill(tooLong, std::string(128, 'd').c_str());
   tooLong.signatureCrlFileName.Reset();
   ASSERT_EQ(tooLong.SetSignatureCrlFileName(std::string(128, 'c').c_str(), 128), 0u);
-  ASSERT_EQ(Send(tooLong, seqNo = NewSeqNo()), 0u);
+  Send(tooLong, seqNo = NewSeqNo());
   EXPECT_EQ(ReplyTo(seqNo), 17667u);
   EXPECT_EQ(Logged("recvMsg:0x1036,0xa370,5,1"), 1u);
   EXPECT_EQ(Replies::Waiting(), 0u);
@@ -262,7 +262,7 @@ TEST_F(FreshExecutorTest, RequestZeroFindsAFreeSlotAndRunsNothing) {
         Start();
         SendSigned(0);
         fprintf(stderr, "result %u, ran %d", ReplyTo(0), Exists("ran"));
-        update_test::LeaveProcess(dir_.path());
+        update_test::LeaveProcess(dir_, log_);
       },
       ::testing::ExitedWithCode(0), "result 0, ran 0");
 }
@@ -277,7 +277,7 @@ TEST_F(FreshExecutorTest, WithoutAnAuthoriserTheRequesterGetsTheSendResultAndThe
         SendForAuthorisation(2);
         const uint32_t second = ReplyTo(2);
         fprintf(stderr, "results %u %u", first, second);
-        update_test::LeaveProcess(dir_.path());
+        update_test::LeaveProcess(dir_, log_);
       },
       ::testing::ExitedWithCode(0), "results 1 1");
 }

@@ -11,6 +11,7 @@
 #include "msg/msg_interface_public.h"
 #include "update/exe_script_proxy.h"
 #include "update/script_exe_messages.h"
+#include "update/send_record.h"
 #include "update_fixture.h"
 #include "velto/kel_task.h"
 
@@ -18,7 +19,6 @@ namespace {
 
 using TolaCmpMsg::TolaMsgExeUpdateScriptData;
 using update_test::Received;
-using update_test::SendBytes;
 
 constexpr uint32_t kRequester = 4150;
 using Executor = update_test::Mailbox<kScriptExeCompId>;
@@ -49,8 +49,6 @@ class SleepingProcess {
     (void)kill(pid_, SIGKILL);
     (void)waitpid(pid_, nullptr, 0);
   }
-  SleepingProcess(const SleepingProcess&) = delete;
-  SleepingProcess& operator=(const SleepingProcess&) = delete;
 
  private:
   support::TempDir dir_;
@@ -83,22 +81,21 @@ class ProxyTest : public update_test::UpdateTest {
     TolaCmpMsg::TolaMsgExeUpdateScriptAckData reply;
     reply.requesterTaskId = taskId;
     reply.result = result;
-    std::vector<unsigned char> bytes(reply.GetMsgLength());
-    ASSERT_EQ(reply.SerializeToMsg(bytes.data(), static_cast<uint32_t>(bytes.size())), 0u);
-    SendBytes(kScriptExeCompId, kRequester, kMsgExeUpdateScriptAck, seqNo, bytes);
+    EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgExeUpdateScriptAck, seqNo, reply), 0u);
   }
-  static void AskForAuthorisation(uint32_t taskId, uint16_t seqNo) {
+  /// Takes the request, asks for its authorisation and expects `answer`; gives the request's sequence number.
+  static uint16_t AskForAuthorisation(TolaMsgExeUpdateScriptData& request,
+                                      std::vector<unsigned char> answer) {
+    uint16_t seqNo = 0;
+    Take(request, seqNo);
     TolaCmpMsg::TolaMsgExeUpdateAuthVerifyData ask;
-    ask.requesterTaskId = taskId;
-    std::vector<unsigned char> bytes(ask.GetMsgLength());
-    ASSERT_EQ(ask.SerializeToMsg(bytes.data(), static_cast<uint32_t>(bytes.size())), 0u);
-    SendBytes(kScriptExeCompId, kRequester, kMsgUpdateAuth, seqNo, bytes);
-  }
-  static void ExpectAuthorisation(uint16_t seqNo, std::vector<unsigned char> bytes) {
-    const Received answer = Executor::Next();
-    EXPECT_EQ(answer.id, kMsgUpdateAuthAck);
-    EXPECT_EQ(answer.seqNo, seqNo);
-    EXPECT_EQ(answer.data, bytes);
+    ask.requesterTaskId = request.requesterTaskId;
+    EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgUpdateAuth, seqNo, ask), 0u);
+    const Received got = Executor::Next();
+    EXPECT_EQ(got.id, kMsgUpdateAuthAck);
+    EXPECT_EQ(got.seqNo, seqNo);
+    EXPECT_EQ(got.data, answer);
+    return seqNo;
   }
 
   std::optional<SleepingProcess> process_{std::in_place};
@@ -133,11 +130,8 @@ TEST_F(ProxyTest, AnAnnouncedAuthorisationIsGrantedAndTheResultAwaited) {
   Start();
   auto executor = std::async(std::launch::async, [] {
     TolaMsgExeUpdateScriptData got;
-    uint16_t seqNo = 0;
-    Take(got, seqNo);
+    const uint16_t seqNo = AskForAuthorisation(got, {0, 0, 0, 0, 0, 0});
     EXPECT_STREQ(got.signaturePath.c_str(), "") << "the executor would verify instead of asking";
-    AskForAuthorisation(got.requesterTaskId, seqNo);
-    ExpectAuthorisation(seqNo, {0, 0, 0, 0, 0, 0});
     KEL_ClockAdvanceMs(600000);  // longer than the wait for the question, shorter than that for the result
     Reply(got.requesterTaskId, seqNo, 37);
   });
@@ -149,10 +143,7 @@ TEST_F(ProxyTest, AnUnannouncedAuthorisationIsRefused) {
   Start();
   auto executor = std::async(std::launch::async, [] {
     TolaMsgExeUpdateScriptData got;
-    uint16_t seqNo = 0;
-    Take(got, seqNo);
-    AskForAuthorisation(got.requesterTaskId, seqNo);
-    ExpectAuthorisation(seqNo, {0, 0, 0, 0, 1, 0});
+    (void)AskForAuthorisation(got, {0, 0, 0, 0, 1, 0});
   });
   EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 0), 0u);
 }
@@ -199,7 +190,7 @@ TEST_F(ProxyTest, ARequestThatNobodyTakesIsTriedElevenTimesASecondApart) {
         fprintf(stderr, "result %u after %u seconds, %zu line", result, seconds,
                 Logged("send qeq fail 18705,12"));
         process_.reset();
-        update_test::LeaveProcess(dir_.path());
+        update_test::LeaveProcess(dir_, log_);
       },
       ::testing::ExitedWithCode(0), "result 18705 after 10 seconds, 1 line");
 }

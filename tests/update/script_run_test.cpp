@@ -148,12 +148,6 @@ TEST_F(ScriptWaitTest, AnOkWhoseLineEndNeverComesIsAnOk) {
   EXPECT_EQ(result_.get(), kSuccess);
 }
 
-TEST_F(ScriptWaitTest, EndsWithTheOutput) {
-  PrintLine("working");
-  write_.reset();
-  EXPECT_EQ(result_.get(), kFailure);
-}
-
 class BootBankTest : public update_test::UpdateTest {
  protected:
   std::string config_ = dir_.File("config.kp");
