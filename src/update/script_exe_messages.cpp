@@ -126,7 +126,7 @@ uint32_t TolaMsgExeUpdateScriptData::SerializeToMsg(unsigned char* buffer, uint3
     *cursor++ = (this->*row.field).length();
     if (text.size() != (this->*row.field).length()) return 1;  // a length without a buffer
     if (text.empty()) continue;
-    memcpy(cursor, text.data(), text.size());
+    msg_codec::CopyRun(cursor, reinterpret_cast<const unsigned char*>(text.data()), text.size());
     cursor += text.size();
   }
   SetHostU32(featureId, cursor);
