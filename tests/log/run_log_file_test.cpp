@@ -134,6 +134,15 @@ TEST(RunLogFileTest, StartAppendsToWhatStandsThere) {
   EXPECT_THAT(ReadAll(dir.File("run.log")), StartsWith(std::string(12, '\0') + "\nleft by overwriting\n20"));
 }
 
+TEST(RunLogFileTest, OlderStartGoesOnAtThePositionThatWasKept) {
+  LogCapture log;
+  LogHundred("before");
+  ASSERT_EQ(TOLA_PrintInit(0, nullptr), 0u);
+  EXPECT_EQ(GetPrintMaxNumValue(), 200u);
+  LogHundred("after");
+  EXPECT_THAT(log.Lines(), ElementsAre(StartsWith("before"), StartsWith("after")));
+}
+
 TEST(RunLogFileTest, StartFailsWithoutADirectoryAndTheLogHealsLater) {
   const LogCapture settings;
   const support::TempDir dir;

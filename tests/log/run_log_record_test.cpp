@@ -136,6 +136,7 @@ TEST(RunLogRecordTest, FlowControlSkipsTheWriteAndLeavesNoGap) {
   RegLogFileOprateFunc(nullptr);
   TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "written");
   EXPECT_THAT(log.Lines(), ElementsAre("written"));
+  EXPECT_EQ(ReadAll(log.CurrentFile()).substr(0, 2), "20") << "the line stands at the start of the file";
 }
 
 TEST(RunLogRecordTest, StoppedLogTakesNothingAndSeparatePrintTakesAll) {
@@ -152,6 +153,21 @@ TEST(RunLogRecordTest, StoppedLogTakesNothingAndSeparatePrintTakesAll) {
   RegLogSeparatePrintFunc(nullptr);
   EXPECT_EQ(seen, "7 2024 below the threshold");
   EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST(RunLogRecordTest, MemoryDumpFollowsTheLevelRule) {
+  LogCapture log(kLogWrn);
+  static std::string seen;
+  seen.clear();
+  RegMemoryPrintFunc([](uint16_t, const char*, uint32_t line, const void*, uint32_t length) {
+    seen += std::to_string(line) + ":" + std::to_string(length) + " ";
+  });
+  MemoryPrintWithLevel(kModule, kLogInf, "a.cpp", 1, "dump", 4);
+  MemoryPrintWithLevel(kModule, kLogWrn, "a.cpp", 2, "dump", 4);
+  MemoryPrintWithLevel(kModule, kLogErr, "a.cpp", 3, nullptr, 4);
+  TOLA_MemoryPrint(kModule, "a.cpp", 4, "dump", 3);
+  RegMemoryPrintFunc(nullptr);
+  EXPECT_EQ(seen, "2:4 4:3 ");
 }
 
 TEST(RunLogRecordTest, NothingHappensBeforeTheSemaphoreIsMade) {

@@ -52,7 +52,8 @@ TEST_F(RunLogRepeatTest, RepeatIsCountedUntilItsTimeIsOver) {
       << "only the record that came again is summed up, without the first one";
   log.Clear();
   Log("same");
-  EXPECT_THAT(log.Lines(), ElementsAre("same")) << "its time over, it is new again";
+  Log("same");
+  EXPECT_THAT(log.Lines(), ElementsAre("same")) << "its time over, it is new again, and folded again";
 }
 
 TEST_F(RunLogRepeatTest, SummaryCarriesThePlaceOfTheRecordAndTheTimeOfNow) {
@@ -73,6 +74,16 @@ TEST_F(RunLogRepeatTest, ClockThatGoesBackEndsTheFoldingToo) {
   KEL_ClockWallSetNs(KEL_ClockWallNs() - 300'000'000'000u);
   Log("same");
   EXPECT_THAT(log.Lines(), ElementsAre("T Cnt:0x1,same 2024-03-05 14:02:07", "same"));
+}
+
+TEST_F(RunLogRepeatTest, RecordIsForgottenWithoutTheOlderOneInFrontOfIt) {
+  Log("front");
+  KEL_ClockWallSetNs(KEL_ClockWallNs() - 100'000'000'000u);
+  Log("behind");
+  StandingClock::MoveSeconds(300);
+  log.Clear();
+  for (const char* text : {"front", "behind", "behind", "front"}) Log(text);
+  EXPECT_THAT(log.Lines(), ElementsAre("behind"));
 }
 
 TEST_F(RunLogRepeatTest, ThirtyFirstRecordPushesOutTheOldest) {
