@@ -26,7 +26,8 @@ using testpki::Identity;
 /// Lines of the run log, as "<level> <source> <message>".
 inline std::vector<std::string> g_lines;
 
-inline void CaptureLine(const TOLA_LOG_PARA_S* record, const char* format, va_list args) {
+__attribute__((format(printf, 2, 0))) inline void CaptureLine(const TOLA_LOG_PARA_S* record,
+                                                              const char* format, va_list args) {
   char message[512];
   (void)vsnprintf(message, sizeof(message), format, args);
   g_lines.push_back(std::to_string(record->level) + " " + record->fileName + " " + message);

@@ -1,6 +1,5 @@
 #include "support/test_pki.h"
 
-#include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
@@ -44,13 +43,13 @@ std::shared_ptr<EVP_PKEY> MakeKey(KeyKind kind) {
   Require(cms::InitCrypto(), "libcrypto");
   switch (kind) {
     case KeyKind::kEcP256:
-      return Own(EVP_EC_gen("P-256"));
+      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
     case KeyKind::kEcP384:
-      return Own(EVP_EC_gen("P-384"));
+      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-384"));
     case KeyKind::kRsa1024:
-      return Own(EVP_RSA_gen(1024));
+      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{1024}));
     case KeyKind::kRsa2048:
-      return Own(EVP_RSA_gen(2048));
+      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}));
     case KeyKind::kRsaPss2048: {
       cms::KeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA_PSS, nullptr));
       EVP_PKEY* key = nullptr;
@@ -266,7 +265,8 @@ std::string CrlPem(const Bytes& der) {
 
 void WriteFile(const std::string& path, std::string_view bytes) {
   FILE* file = fopen(path.c_str(), "wbe");
-  Require(file != nullptr && fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size(), path.c_str());
+  Require(file != nullptr && (bytes.empty() || fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size()),
+          path.c_str());
   Require(fclose(file) == 0, path.c_str());
 }
 
