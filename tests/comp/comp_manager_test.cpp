@@ -291,6 +291,7 @@ TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {
   if (!(condition)) (fprintf(stderr, "line %d: %s\n", __LINE__, #condition), exit(1))
 
 [[noreturn]] void PairedProcess() {
+  constexpr uint32_t kInstance = 0x21801;  // more than the 16 bits of a platform module
   CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
   CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.2") == 2);
   TOLA_CompDefaultHaStateSet(1);
@@ -300,16 +301,16 @@ TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {
   CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.1") == 1);
   CHILD_EXPECT(GetDstDmsHaState("10.0.0.1", "10.0.0.2") == 0);
 
-  const TOLA_COMP_DST_PROC_S local = Process(kProcId, {1801});
+  const TOLA_COMP_DST_PROC_S local = Process(kProcId, {kInstance});
   const TOLA_COMP_DST_PROC_S dst[] = {Process(500, {1802}, "no address"), Process(501, {1803}, "10.0.0.2")};
   CHILD_EXPECT(TolaCompInit(&local, 2, dst) == 0);  // the failing one is skipped
   CompAddr addr{};
   CompManagerImpl& manager = CompManagerImpl::GetInstance();
-  CHILD_EXPECT(manager.GetCompAddr(1801, addr) == 0 && addr.haState == 1);
+  CHILD_EXPECT(manager.GetCompAddr(kInstance, addr) == 0 && addr.haState == 1);
   CHILD_EXPECT(manager.GetCompAddr(1803, addr) == 0 && addr.haState == 0);
-  const TOLA_COMP_TYPE_S type = Type("HA", 1801, Record);
+  TOLA_COMP_TYPE_S type = Type("HA", kInstance, Record);
   CHILD_EXPECT(TolaOsKickOffComps(&type) == 0);
-  CHILD_EXPECT(TolaCompMsgSend(0x10000000 + 1801, NewMsg(0x90000709, 1, 1, "ha")) == 0);
+  CHILD_EXPECT(TolaCompMsgSend(0x10000000 + kInstance, NewMsg(0x80000000 + kInstance, 1, 1, "ha")) == 0);
   CHILD_EXPECT(Arrived().Take().data == "ha");
   TOLA_CompDefaultHaStateSet(2);
   CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
