@@ -47,6 +47,11 @@ bool PassesLevel(uint16_t moduleId, uint32_t level) {
   return level >= kLogErr || level >= (GetPrintPara(moduleId) & kThresholdMask);
 }
 
+/// What a record has to pass before the semaphore.
+bool IsWanted(uint16_t moduleId, uint32_t level) {
+  return !IsLogStopped() && PassesLevel(moduleId, level);
+}
+
 /// Cuts at 199 characters and turns line ends into blanks, so that one call gives one line.
 __attribute__((format(printf, 2, 0))) std::string_view FormatMessage(const Record& record, const char* fmt,
                                                                      va_list args) {
@@ -179,6 +184,8 @@ uint32_t GetInitialLogLevel() {
 
 void TOLA_LogPrint(uint16_t moduleId, uint32_t level, const char* file, uint32_t line, const char* fmt, ...) {
   if (level < kLogDbg || level > kLogEvt || fmt == nullptr) return;
+  const LogSeparatePrint separate = runlog::g_separatePrint.load(std::memory_order_relaxed);
+  if (separate == nullptr && !runlog::IsWanted(moduleId, level)) return;  // most records end here
   TOLA_LOG_PARA_S para = {};
   para.moduleId = moduleId;
   para.level = static_cast<uint16_t>(level);
@@ -186,7 +193,6 @@ void TOLA_LogPrint(uint16_t moduleId, uint32_t level, const char* file, uint32_t
   para.line = line;
   va_list args;
   va_start(args, fmt);
-  const LogSeparatePrint separate = runlog::g_separatePrint.load(std::memory_order_relaxed);
   if (separate == nullptr) {
     TOLA_LogPrintValist(&para, fmt, args);
   } else {
@@ -197,8 +203,7 @@ void TOLA_LogPrint(uint16_t moduleId, uint32_t level, const char* file, uint32_t
 }
 
 void TOLA_LogPrintValist(const TOLA_LOG_PARA_S* record, const char* fmt, va_list args) {
-  if (runlog::IsLogStopped()) return;
-  if (!runlog::PassesLevel(record->moduleId, record->level)) return;
+  if (!runlog::IsWanted(record->moduleId, record->level)) return;
   const LogLock lock;
   if (lock.IsFailed()) puts("!P");
   if (lock.IsHeld()) runlog::PrintRecord(*record, fmt, args);
