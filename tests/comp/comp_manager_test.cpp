@@ -17,9 +17,7 @@ using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 /// Sockets in a directory of this process; the runtime and the message manager are up.
 class Runtime : public ::testing::Environment {
@@ -270,15 +268,6 @@ TEST_F(CompManagerTest, EachLocalComponentIsAnnounced) {
   ASSERT_EQ(TolaCompGetLocalProcInfo(&own), 0u);
   EXPECT_STREQ(own.ip, kIp);
   EXPECT_EQ(own.procId, kProcId);
-}
-
-TEST_F(CompManagerTest, AContainerNeedsANamedTask) {
-  TOLA_COMP_SCH_S sch{};
-  (void)snprintf(sch.taskName, sizeof(sch.taskName), "WIFI_COMP");
-  sch.settings[0] = 14;
-  EXPECT_EQ(TolaAddCompSch(&sch), 0u);
-  memset(sch.taskName, 'w', sizeof(sch.taskName));
-  EXPECT_EQ(TolaAddCompSch(&sch), 1u);
 }
 
 TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {

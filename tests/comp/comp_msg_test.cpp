@@ -16,7 +16,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
 constexpr uint16_t kModule = 42;
 constexpr uint32_t kAbsent = 5;  ///< neither a component nor a registered module
@@ -44,7 +43,6 @@ class HighPri final : public HighPriQueueProcBase {
   }
 
  private:
-  uint32_t length_ = 0;
   uint32_t queue_ = 0;
 };
 
@@ -187,29 +185,6 @@ TEST_F(CompMsgTest, QueueLengthsAreBounded) {
                      {9, 1, kCompErrQueueSet}};
   for (const auto& c : cases) EXPECT_EQ(TOLA_SetCompMaxMsgQueueLen(c.csi, c.length), c.result) << c.length;
   EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr("comp_msg: msglen err, ret = 0x")));
-}
-
-TEST_F(CompMsgTest, FlowControlAndPeerAddressesAreTheRuntimes) {
-  Start({Type("FLOW", 1905, Record)});
-  void* first = TolaCompMsgFlowCtrlAlloc(1905, 1, 77, 4);
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(TolaCompMsgFlowCtrlAlloc(1905, 1, 77, 4), nullptr);
-  EXPECT_THAT(Logged().TakeAll(), Contains("comp_msg: DMS_MsgFlowCtrlAlloc fail"));
-  EXPECT_EQ(TolaCompMsgSendToPeer(0x80000000 + 1905, first), 0u);
-  EXPECT_EQ(Arrived().Take().id, 77u);
-  EXPECT_NE(TolaCompMsgSendToPeer(1905, NewMsg(1905, 1, 1, "")), 0u) << "an address is not converted";
-}
-
-TEST_F(CompMsgTest, AttributesOfNoMessageAreZeroAndSaySo) {
-  EXPECT_EQ(TolaCompGetMsgId(nullptr) + TolaCompGetMsgLen(nullptr) + TolaCompGetSrcId(nullptr), 0u);
-  EXPECT_EQ(GetTolaCompMsgPrio(nullptr), kTolaMsgPrioNormal);
-  (void)Logged().TakeAll();
-  EXPECT_EQ(TolaCompMsgGetSeqNo(nullptr), 0);
-  TolaCompMsgSetSeqNo(nullptr, 1);
-  EXPECT_THAT(Logged().TakeAll(), ElementsAre("comp_msg: Get msg head err", "comp_msg: Get msg head err"));
-  TolaCompRegLogFuc(nullptr);
-  EXPECT_EQ(TolaCompMsgGetSeqNo(nullptr), 0);
-  EXPECT_THAT(Logged().TakeAll(), IsEmpty());
 }
 
 }  // namespace
