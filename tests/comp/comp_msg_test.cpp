@@ -29,7 +29,7 @@ using MsgPtr = std::unique_ptr<tagMsgBuf, MsgFree>;
 class HighPri final : public HighPriQueueProcBase {
  public:
   explicit HighPri(uint32_t length) {
-    length_ = KEL_QueueCreate("High", length, sizeof(tagMsgBuf*), &queue_);
+    if (KEL_QueueCreate("High", length, sizeof(tagMsgBuf*), &queue_) != 0) abort();
   }
   uint32_t RegisterModule(uint16_t, uint32_t, uint32_t, uint32_t) override { return 0; }
   uint32_t UnregisterModule(uint16_t) override { return 0; }
