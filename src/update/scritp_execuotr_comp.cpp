@@ -250,8 +250,8 @@ uint32_t ProcAuthReplyMsg(const void* msg) {
   }
   TolaMsgExeUpdateAuthVerifyAckData reply;
   const uint32_t parsed = reply.ParseFromMsg(Data(msg), TolaCompGetMsgLen(msg));
-  if (parsed != 0)
-    return parsed;  // kept: a garbled reply leaves the executor busy for the rest of the period
+  // kept: a garbled reply leaves the executor busy for the rest of the period
+  if (parsed != 0) return parsed;
   uint32_t ret = kExeErrAuthRefused;
   if (reply.result != 0) {
     LOG_ERR(kModule, "auth fail:%d", reply.result);

@@ -170,12 +170,14 @@ TEST_F(ExecutorTest, WhatIsNotGenuineNeverRuns) {
 
 TEST_F(ExecutorTest, AScriptWithTooLowAFeatureIdStaysRefusedWhenAskedAgain) {
   Start();
+  uint16_t seqNo = 0;
   for (int round = 0; round < 2; ++round) {
-    const uint16_t seqNo = NewSeqNo();
-    SendSigned(seqNo, true, 6);
+    SendSigned(seqNo = NewSeqNo(), true, 6);
     EXPECT_EQ(ReplyTo(seqNo), kExeErrFeatureId) << "round " << round;
   }
   EXPECT_FALSE(Exists("ran"));
+  SendSigned(seqNo, true, 5);
+  EXPECT_EQ(ReplyTo(seqNo), 0u) << "this refusal is not remembered";
 }
 
 TEST_F(ExecutorTest, RequestsWithoutTheirFieldsAreAnsweredAndGarbledOnesAreNot) {

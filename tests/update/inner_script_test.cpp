@@ -77,7 +77,7 @@ TEST_F(InnerScriptTest, PackagesThatTarOrAShellWouldMisreadAreRefused) {
   EXPECT_EQ(Extract("blank.tar.gz", "run.sh"), 1u);
   EXPECT_EQ(Logged("exec "), 0u);
   char inner[256] = {};
-  EXPECT_EQ(GetInnerShFile(dir_.path().c_str(), "-.tar.gz", "run.sh", inner, sizeof(inner)), 1u)
+  EXPECT_EQ(GetInnerShFile(dir_.path().c_str(), "-", "run.sh", inner, sizeof(inner)), 1u)
       << "tar reads its standard input";
 }
 

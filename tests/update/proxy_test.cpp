@@ -132,7 +132,10 @@ TEST_F(ProxyTest, AnAnnouncedAuthorisationIsGrantedAndTheResultAwaited) {
     TolaMsgExeUpdateScriptData got;
     const uint16_t seqNo = AskForAuthorisation(got, {0, 0, 0, 0, 0, 0});
     EXPECT_STREQ(got.signaturePath.c_str(), "") << "the executor would verify instead of asking";
-    KEL_ClockAdvanceMs(600000);  // longer than the wait for the question, shorter than that for the result
+    for (int i = 0; i < 40; ++i) {  // longer than the wait for the question, shorter than that for the result
+      KEL_ClockAdvanceMs(15000);
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));  // lets the proxy come back to its wait
+    }
     Reply(got.requesterTaskId, seqNo, 37);
   });
   EXPECT_EQ(ExeScriptProxy(kRequester, &request_, true, 0), 37u);
