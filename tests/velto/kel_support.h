@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <functional>
 #include <random>
+#include <string>
 #include <thread>
 
 #include "velto/kel_clock.h"
@@ -33,6 +35,18 @@ inline bool Eventually(const std::function<bool()>& condition) {
     std::this_thread::yield();
   }
   return true;
+}
+
+/// Waits until the kernel shows task `id` asleep, so that what comes next must wake it.
+inline bool FallsAsleep(uint32_t id) {
+  int32_t threadId = 0;
+  if (KEL_TaskThreadIdGet(id, &threadId) != 0) return false;
+  return Eventually([threadId] {
+    std::ifstream file("/proc/self/task/" + std::to_string(threadId) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    return line.find(") S ") != std::string::npos;
+  });
 }
 
 /// A task that runs a function; joined, slot included, at the end of its life.

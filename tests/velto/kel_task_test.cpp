@@ -188,6 +188,7 @@ TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
   std::atomic<uint32_t> turns[2] = {0, 0};
   const auto player = [&](uint32_t me) {
     uint32_t received = 0;
+    std::mt19937 random(me);
     while (ids[1 - me] == 0) std::this_thread::yield();
     if (me == 0) {
       EXPECT_EQ(KEL_EventWrite(ids[1], 1), 0u);
@@ -196,6 +197,10 @@ TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
       ASSERT_EQ(KEL_EventRead(3, &received, kKelEventAny, 60'000), 0u) << "turn " << turn << " never came";
       turns[me] = turn + 1;
       if (me == 0 && turn + 1 == kTurns) return;
+      // a delay of up to some microseconds meets the other one at every point of its way to sleep
+      for (uint32_t wait = Below(random, 3000); wait > 0; --wait) {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+      }
       ASSERT_EQ(KEL_EventWrite(ids[1 - me], 1 + turn % 2), 0u);
     }
   };
