@@ -27,7 +27,8 @@ const char* StoredInScratch(const char* path) {
   return mapped.c_str();
 }
 
-void Listen(const TOLA_LOG_PARA_S* record, const char* fmt, va_list args) {
+__attribute__((format(printf, 2, 0))) void Listen(const TOLA_LOG_PARA_S* record, const char* fmt,
+                                                  va_list args) {
   if (g_said == nullptr || record->level != kLogErr) return;
   char text[512];
   if (vsnprintf(text, sizeof(text), fmt, args) > 0) g_said->emplace_back(text);
