@@ -30,7 +30,7 @@ typedef void (*KelTaskEntry)(uintptr_t arg0, uintptr_t arg1, uintptr_t arg2, uin
                                       const uintptr_t args[4]);
 
 /// Waits until task `taskId` has ended; its slot is free afterwards. Any thread but the task itself.
-/// @retval kKelErrTimeout it still runs
+/// @retval kKelErrTimeout it still runs @retval kKelErrTaskId no such task, or its slot is free already
 [[nodiscard]] uint32_t KEL_TaskWait(uint32_t taskId, uint32_t timeoutMs);
 
 /// Makes the calling thread a task that was not started by KEL_TaskCreate. A thread that is one keeps its id.
