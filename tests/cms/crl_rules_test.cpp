@@ -73,6 +73,9 @@ TEST_F(CrlRulesTest, OnlyAnIntermediateMayLackItsList) {
   const Identity twin = MakeIntermediate(root, {.name = "middle"});
   EXPECT_REFUSED(Below({crl, MakeCrl(twin)}), kSigvfyErrCrlSignature)
       << "a list that is there and does not fit is no missing list";
+  EXPECT_REFUSED(Below({crl, MakeCrl(twin, {.keyId = true})}), kSigvfyErrUncovered)
+      << "nor is one that names another key of the issuer";
+  EXPECT_ACCEPTED(Below({crl, MakeCrl(middle, {.keyId = true})}));
   EXPECT_REFUSED(Below({crl, MakeCrl(middle, {.nextUpdate = Now() - 60})}), kSigvfyErrTime);
 }
 

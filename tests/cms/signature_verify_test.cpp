@@ -204,6 +204,33 @@ TEST_F(SignatureVerifyTest, RefusesSubstitutedAlgorithmsAndAttributes) {
   EXPECT_REFUSED(With(Changed(plain, [](CMS_ContentInfo* cms) { FlipSignature(SignerOf(cms)); })), 0);
 }
 
+TEST_F(SignatureVerifyTest, PssParametersMustFitTheDigest) {
+  const Identity rsa = MakeSigner(root, {.keyKind = KeyKind::kRsa2048});
+  const auto pss = [&](const char* digest) {
+    return Sign(text, {.signers = {{.identity = &rsa, .digest = digest, .pss = true}}});
+  };
+  const auto algorithmOf = [](CMS_ContentInfo* cms) {
+    X509_ALGOR* algorithm = nullptr;
+    CMS_SignerInfo_get0_algs(SignerOf(cms), nullptr, nullptr, nullptr, &algorithm);
+    return algorithm;
+  };
+  const Bytes sha256 = pss("SHA256");
+  (void)Changed(pss("SHA384"), [&](CMS_ContentInfo* other) {
+    EXPECT_REFUSED(
+        With(Changed(sha256,
+                     [&](CMS_ContentInfo* cms) { X509_ALGOR_copy(algorithmOf(cms), algorithmOf(other)); })),
+        kSigvfyErrAlgorithm)
+        << "the parameters name another digest";
+  });
+  EXPECT_REFUSED(With(Changed(sha256,
+                              [&](CMS_ContentInfo* cms) {
+                                const Bytes empty = {0x30, 0x00};  // all defaults, among them SHA-1
+                                ASN1_STRING* sequence = algorithmOf(cms)->parameter->value.sequence;
+                                ASSERT_EQ(ASN1_STRING_set(sequence, empty.data(), 2), 1);
+                              })),
+                 kSigvfyErrAlgorithm);
+}
+
 TEST_F(SignatureVerifyTest, OneMismatchingSignerDecides) {
   const Identity second = MakeSigner(root, {.name = "second"});
   const Bytes two = Sign(text, {.signers = {{.identity = &signer, .signedAttributes = false},
@@ -220,9 +247,8 @@ TEST_F(SignatureVerifyTest, SignedAttributesDoNotPassForContent) {
     return Input{BytesOf(content),
                  Sign(content, {.signers = {{.identity = &signer, .signedAttributes = false}}}), crl};
   };
-  const std::string body = "0" + std::string(1, 5) + "FileN" + std::string(293, ' ');
-  const std::string set = std::string("\x31\x82\x01\x2c", 4) + body;  // a SET of 300 bytes
-  ASSERT_EQ(body.size(), 300u);
+  const std::string body = "0" + std::string(4999, 'x');
+  const std::string set = std::string("\x31\x82\x13\x88", 4) + body;  // a SET of 5000 bytes
   EXPECT_REFUSED(plainlySigned(set), 0);
   EXPECT_ACCEPTED(plainlySigned(set + "\n")) << "a text that happens to begin with '1'";
   EXPECT_ACCEPTED(plainlySigned("1"));

@@ -212,6 +212,14 @@ Bytes MakeCrl(const Identity& issuer, const CrlSpec& spec) {
   for (const uint64_t serial : spec.revoked) AddRevoked(crl.get(), serial, from.get());
   if (spec.number) AddCrlInteger(crl.get(), NID_crl_number, *spec.number, false);
   if (spec.deltaBase) AddCrlInteger(crl.get(), NID_delta_crl, *spec.deltaBase, true);
+  if (spec.keyId) {
+    X509V3_CTX ctx;
+    X509V3_set_ctx(&ctx, issuer.cert.get(), nullptr, nullptr, crl.get(), 0);
+    X509_EXTENSION* extension =
+        X509V3_EXT_conf_nid(nullptr, &ctx, NID_authority_key_identifier, "keyid:always");
+    Require(extension != nullptr && X509_CRL_add_ext(crl.get(), extension, -1) == 1, "key identifier");
+    X509_EXTENSION_free(extension);
+  }
   EVP_PKEY* key = issuer.key.get();
   Require(X509_CRL_sort(crl.get()) == 1 && X509_CRL_sign(crl.get(), key, DigestOf(key, spec.digest)) > 0,
           "revocation list signature");

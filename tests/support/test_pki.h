@@ -71,6 +71,7 @@ struct CrlSpec {
   std::vector<uint64_t> revoked = {};      ///< serial numbers
   std::string digest = "SHA256";
   std::optional<int64_t> deltaBase = {};  ///< makes it a delta list
+  bool keyId = false;                     ///< names the issuer's key
 };
 
 /// A revocation list as DER, signed by `issuer`.
