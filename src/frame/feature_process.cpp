@@ -2,6 +2,9 @@
 
 #include "frame/feature_process.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -39,6 +42,14 @@ void ForkAndLeaveParent() {
   if (pid != 0) _exit(pid < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
 }
 
+/// A descriptor that was closed at the start becomes "/dev/null": the next file to be opened would otherwise
+/// take its place and receive everything that is printed.
+void KeepStandardDescriptorsOpen() {
+  for (int fd = 0; fd < kFirstInheritedFd; ++fd) {
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) (void)open("/dev/null", O_RDWR);  // takes the lowest: fd
+  }
+}
+
 }  // namespace
 
 void TolaOsMakeMeDaemon() {
@@ -47,6 +58,10 @@ void TolaOsMakeMeDaemon() {
   ForkAndLeaveParent();
   if (chdir("/tmp") != 0) perror("chdir /tmp");
   for (int fd = kFirstInheritedFd; fd <= kLastInheritedFd; ++fd) (void)close(fd);  // most are not open
+  KeepStandardDescriptorsOpen();
+  // A reader of standard output that goes away must not end an update. A handler, since commands that are
+  // started go back to the default action with it, which they would not from "ignore".
+  (void)signal(SIGPIPE, [](int) {});
 }
 
 uint32_t TolaOsInitVelto() {
@@ -60,6 +75,7 @@ uint32_t TolaOsInitVelto() {
 }
 
 uint32_t TolaOsGetAppEnv(const char* exePath, const char* appName, char* dst, unsigned dstSize) {
+  if (exePath == nullptr) return kFailure;  // a process may be started without any argument
   const size_t pathLength = strlen(exePath);
   const size_t nameLength = strlen(appName);
   if (pathLength <= nameLength || pathLength - nameLength >= dstSize) return kFailure;
@@ -96,7 +112,7 @@ uint32_t TolaOsCreatfeatureProcessInitTask(const char* taskName) {
 uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName) {
   TolaOsMakeMeDaemon();
   (void)setvbuf(stdout, nullptr, _IOLBF,
-                0);  // standard output is a file from here on; its lines come as they are written
+                0);  // mostly a file from here on; its lines come as they are written
   (void)printf("\n======== need init velto ===========:%s", kDefaultRuntimeCfg);
 
   uint32_t result = TolaOsInitVelto();

@@ -16,7 +16,7 @@ extern std::atomic<uint8_t> g_isfeatureProcessExit;
 [[nodiscard]] uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName);
 
 /// Detaches from the terminal: the caller goes on in a grandchild in "/tmp" that holds descriptors 0 to 2
-/// alone.
+/// alone, each of them open, and that survives a broken pipe.
 void TolaOsMakeMeDaemon();
 
 /// Starts the runtime with the configuration that the process's XML file names, else with the default one.
@@ -27,7 +27,7 @@ void TolaOsMakeMeDaemon();
 [[nodiscard]] uint32_t TolaOsSetEnv(const char* exePath);
 
 /// Forms "TOLA_ROOT_DIR=" and `exePath` without its last strlen(appName) characters; only the lengths are
-/// compared.
+/// compared. @retval 1, kErrTextCopy, kErrTextFormat as above
 [[nodiscard]] uint32_t TolaOsGetAppEnv(const char* exePath, const char* appName, char* dst, unsigned dstSize);
 
 /// Starts the task that runs the stage table.
