@@ -222,6 +222,16 @@ uint32_t TolaAddCompSch(const TOLA_COMP_SCH_S* sch) {
   return CompManagerImpl::GetInstance().CompSchInstRegister(attrib);
 }
 
+uint32_t AddIccCompSchAttr() {
+  constexpr TOLA_COMP_SCH_S kSch = {.taskName = "INTER_CORE_COMM", .settings = {}, .words = {}};
+  return TolaAddCompSch(&kSch);
+}
+
+uint32_t AddWifiCompSchAttr() {
+  constexpr TOLA_COMP_SCH_S kSch = {.taskName = "WIFI_COMP", .settings = {}, .words = {}};
+  return TolaAddCompSch(&kSch);
+}
+
 uint32_t TolaCompSetPara(uint32_t csi, void* para) {
   return CompManagerImpl::GetInstance().SaveCompPara(csi, para);
 }

@@ -114,6 +114,10 @@ struct TOLA_COMP_SCH_S {
 };
 /// Registers the container; a priority class above 13 becomes 7. @retval 1 a name without end, or null
 [[nodiscard]] uint32_t TolaAddCompSch(const TOLA_COMP_SCH_S* sch);
+/// The containers "INTER_CORE_COMM" and "WIFI_COMP", for processes that talk to another core or to the
+/// wireless module: all settings at the runtime's defaults.
+[[nodiscard]] uint32_t AddIccCompSchAttr();
+[[nodiscard]] uint32_t AddWifiCompSchAttr();
 
 /// One pointer of private data an instance; the pointed-at stays the caller's. Get gives null when there is
 /// none.
