@@ -101,12 +101,12 @@ base::UniqueFd Listen(const char* path) {
     return base::UniqueFd();
   }
   if (errno == ECONNREFUSED) (void)unlink(path);  // a socket that outlived its process
-  const mode_t mask = umask(0177);
-  const int bound = bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-  const int error = errno;
-  (void)umask(mask);
-  errno = error;
-  if (bound != 0 || listen(fd.get(), kBacklog) != 0) return base::UniqueFd();
+  // The mode of the socket before it is bound becomes the file's: the umask is every thread's.
+  if (fchmod(fd.get(), 0600) != 0 ||
+      bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      listen(fd.get(), kBacklog) != 0) {
+    return base::UniqueFd();
+  }
   return fd;
 }
 
