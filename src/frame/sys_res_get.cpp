@@ -50,7 +50,7 @@ uint32_t ReadMemInfo(char* text, size_t size) {
 /// Leaves `info` as it is when nothing is mounted at `mountDir`, which is a success.
 uint32_t GetPartitionFsinfo(const char* mountDir, struct statfs64& info) {
   const MountTable table = OpenMounts();
-  if (table == nullptr) return 1;
+  if (table == nullptr || mountDir == nullptr) return 1;
   struct mntent entry = {};
   char buffer[128];
   while (getmntent_r(table.get(), &entry, buffer, sizeof(buffer)) != nullptr) {
@@ -72,7 +72,7 @@ bool IsMemPartition(const char* mountDir) {
 /// Bytes of the number that follows `label` in a line of "/proc/meminfo", which counts in kB.
 uint32_t BytesAfter(const char* line, std::string_view label) {
   const auto bytes = static_cast<uint32_t>(strtoull(line + label.size(), nullptr, 10) * 1024);
-  TOLA_LogPrint(kLogPartition, 1, __FILE__, __LINE__, "%.*s%u", static_cast<int>(label.size()), label.data(),
+  TOLA_LogPrint(kLogModule, 1, __FILE__, __LINE__, "%.*s%u", static_cast<int>(label.size()), label.data(),
                 bytes);
   return bytes;
 }
@@ -164,7 +164,7 @@ uint32_t TOLA_GetLinuxSysMemRes(uint32_t& totalBytes, uint32_t& availableBytes) 
   constexpr std::string_view kAvailable = "MemAvailable:";
   const base::FilePtr file(fopen(kMemInfo, "rbe"));
   if (file == nullptr) {
-    TOLA_LogPrint(kLogPartition, 4, __FILE__, __LINE__, "open file err");
+    TOLA_LogPrint(kLogModule, 4, __FILE__, __LINE__, "open file err");
     return 0;
   }
   totalBytes = 0;
