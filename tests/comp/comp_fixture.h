@@ -1,23 +1,23 @@
 /// Components for tests: the real runtime with its sockets in a directory of the test, instances that record
-/// or echo what they get, the lines of the component layer, and a look at what messages are still alive.
+/// what they get, the lines of the component layer, and a look at what messages are still alive.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <stdarg.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "comp/comp_manager.h"
 #include "comp/comp_manager_impl.h"
 #include "comp/comp_msg.h"
 #include "msg/msg_interface_public.h"
-#include "velto/kel_mem.h"
+#include "support/platform_msg.h"
 
 namespace comp_test {
 
@@ -94,18 +94,6 @@ inline void Record(void* msg) {
                  std::string(static_cast<char*>(msg), TolaCompGetMsgLen(msg))});
 }
 
-/// Answers with the next message id, the request's sequence number and its data backwards.
-inline void Echo(void* msg) {
-  const auto length = TolaCompGetMsgLen(msg);
-  void* reply =
-      TolaCompMsgAlloc(TolaCompGetDstId(msg), static_cast<uint16_t>(TolaCompGetMsgId(msg) + 1), length);
-  if (reply == nullptr) return;
-  const char* data = static_cast<const char*>(msg);
-  std::reverse_copy(data, data + length, static_cast<char*>(reply));
-  TolaCompMsgSetSeqNo(reply, TolaCompMsgGetSeqNo(msg));
-  (void)TolaCompMsgSend(TolaCompGetSrcId(msg), reply);
-}
-
 inline TOLA_COMP_TYPE_S Type(const char* name, uint32_t id, RtfCompMsgProc proc) {
   TOLA_COMP_TYPE_S type{};
   (void)snprintf(type.name, sizeof(type.name), "%s", name);
@@ -126,48 +114,57 @@ inline void* NewMsg(uint32_t source, uint16_t id, uint16_t seqNo, const std::str
   return msg;
 }
 
-/// Live allocations of a memory handle.
-inline uint64_t Live(const char* name) {
-  uint32_t handle = 0;
-  uint64_t bytes = 0;
-  uint64_t count = 0;
-  if (KEL_HandleInitialize(name, &handle) != 0 || KEL_HandleUseGet(handle, &bytes, &count) != 0) abort();
-  return count;
+inline TOLA_COMP_DST_PROC_S Process(uint32_t procId, const std::vector<uint32_t>& csis,
+                                    const char* ip = kIp) {
+  TOLA_COMP_DST_PROC_S proc{};
+  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", ip);
+  proc.procId = procId;
+  for (const uint32_t csi : csis) proc.addr[proc.addrNum++] = {csi, csi};
+  return proc;
 }
 
-/// The layer is initialised, and at the end no message of either kind is left.
+inline TOLA_COMP_PROC_S Address(uint32_t procId) {
+  TOLA_COMP_PROC_S proc{};
+  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", kIp);
+  proc.procId = procId;
+  return proc;
+}
+
+/// The layer is initialised; at the end its instances and types are gone, and no message of either kind is
+/// left.
 class CompTest : public ::testing::Test {
  protected:
   void SetUp() override {
     TolaCompRegLogFuc(LogLine);
     (void)Logged().TakeAll();
-    TOLA_COMP_DST_PROC_S local{};
-    (void)snprintf(local.ip, sizeof(local.ip), "%s", kIp);
-    local.procId = kProcId;
+    const TOLA_COMP_DST_PROC_S local = Process(kProcId, {});
     ASSERT_EQ(TolaCompInit(&local, 0, nullptr), 0u);
-    compMessages_ = Live("dms");
-    platformMessages_ = Live("msg manager");
+    compMessages_ = support::Live("dms");
+    platformMessages_ = support::Live("msg manager");
   }
   void TearDown() override {
-    EXPECT_EQ(Live("msg manager"), platformMessages_) << "a platform message was lost";
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (Live("dms") != compMessages_ && std::chrono::steady_clock::now() < deadline)
-      std::this_thread::yield();
-    EXPECT_EQ(Live("dms"), compMessages_) << "a component message was lost";
+    CompManagerImpl& manager = CompManagerImpl::GetInstance();
+    for (const TOLA_COMP_TYPE_S& type : types_) {
+      // A test may have spoilt a type on purpose, so that there is nothing to end.
+      for (uint32_t i = 0; i < std::min(type.instNum, kCompInstMax); ++i) {
+        if (manager.CompDestroy(type.inst[i].csi) != 0) (void)manager.RmvCompInfo(type.inst[i].csi);
+      }
+      (void)manager.DeleteCompType(type.typeId);
+    }
+    EXPECT_EQ(support::Live("msg manager"), platformMessages_) << "a platform message was lost";
+    EXPECT_EQ(support::Live("dms"), compMessages_) << "a component message was lost";
   }
 
-  /// Makes instances known here and starts them.
-  void Start(std::vector<TOLA_COMP_TYPE_S> types) {
-    TOLA_COMP_DST_PROC_S local{};
-    (void)snprintf(local.ip, sizeof(local.ip), "%s", kIp);
-    local.procId = kProcId;
-    for (const TOLA_COMP_TYPE_S& type : types) {
-      for (uint32_t i = 0; i < type.instNum; ++i)
-        local.addr[local.addrNum++] = {type.inst[i].csi, type.typeId};
-    }
-    ASSERT_EQ(TolaCompInit(&local, 0, nullptr), 0u);
-    for (const TOLA_COMP_TYPE_S& type : types) ASSERT_EQ(TolaOsKickOffComps(&type), 0u);
+  /// Makes the type's instances known here and starts them. @return the start's result
+  uint32_t Start(const TOLA_COMP_TYPE_S& type) {
+    TOLA_COMP_DST_PROC_S local = Process(kProcId, {});
+    for (uint32_t i = 0; i < type.instNum; ++i) local.addr[local.addrNum++] = {type.inst[i].csi, type.typeId};
+    EXPECT_EQ(TolaCompInit(&local, 0, nullptr), 0u);
+    types_.push_back(type);
+    return TolaOsKickOffComps(&type);
   }
+
+  std::vector<TOLA_COMP_TYPE_S> types_;  ///< started by the test
 
  private:
   uint64_t compMessages_ = 0;

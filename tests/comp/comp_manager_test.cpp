@@ -47,21 +47,6 @@ std::unique_ptr<TOLA_COMP_REG_BLOCK_S> NewBlock() {
   return block;
 }
 
-TOLA_COMP_DST_PROC_S Process(uint32_t procId, std::vector<uint32_t> csis, const char* ip = kIp) {
-  TOLA_COMP_DST_PROC_S proc{};
-  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", ip);
-  proc.procId = procId;
-  for (const uint32_t csi : csis) proc.addr[proc.addrNum++] = {csi, csi};
-  return proc;
-}
-
-TOLA_COMP_PROC_S Address(uint32_t procId) {
-  TOLA_COMP_PROC_S proc{};
-  (void)snprintf(proc.ip, sizeof(proc.ip), "%s", kIp);
-  proc.procId = procId;
-  return proc;
-}
-
 bool IsKnown(uint32_t csi) {
   return CompManagerImpl::GetInstance().IsComponent(csi);
 }
@@ -86,6 +71,7 @@ TEST_F(CompManagerTest, AStageStartsItsTypesPlatformFirstWithAtMostFourInstances
   block->product.type[0] = later;
   block->product.type[1] = single;
 
+  types_ = {broken, many, later, single};
   g_started.clear();
   ASSERT_EQ(TolaOsCompFrameInit(block.get()), 0u);
   TolaOsRegAllComp(block.get(), 0);
@@ -141,30 +127,14 @@ TEST_F(CompManagerTest, TheFirstFailureEndsATypesStart) {
     type.instNum = 2;
     type.inst[1].csi = id + 0x9500;
     c.spoil(type);
-    TOLA_COMP_DST_PROC_S local = Process(kProcId, {});
-    local.addrNum = 2;
-    local.addr[0] = {id, id};
-    local.addr[1] = {id + 0x9500, id};
-    ASSERT_EQ(TolaCompInit(&local, 0, nullptr), 0u);
     (void)Logged().TakeAll();
-    EXPECT_EQ(TolaOsKickOffComps(&type), c.result);
+    EXPECT_EQ(Start(type), c.result);
     EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr(c.line)));
     EXPECT_EQ(TolaCompMsgSend(id, NewMsg(1, 1, 1, "")) == 0, c.firstRuns)
         << "what ran before the failure stays";
     if (c.firstRuns) (void)Arrived().Take();
     ++id;
   }
-}
-
-TEST_F(CompManagerTest, InstancesOfAProcessExchangeMessages) {
-  Start({Type("ASKS", 1201, Record), Type("ANSWERS", 1202, Echo)});
-  ASSERT_EQ(TolaCompMsgSend(1202, NewMsg(1201, 0xA370, 0x1234, "abcdef")), 0u);
-  const Got reply = Arrived().Take();
-  EXPECT_EQ(reply.destination, 1201u);
-  EXPECT_EQ(reply.source, 1202u);
-  EXPECT_EQ(reply.id, 0xA371u);
-  EXPECT_EQ(reply.seqNo, 0x1234) << "the reply cannot be paired with its request";
-  EXPECT_EQ(reply.data, "fedcba");
 }
 
 uint32_t g_destroyed = 0;
@@ -176,7 +146,8 @@ uint32_t NoteEnd() {
 TEST_F(CompManagerTest, ADestroyedInstanceIsForgotten) {
   TOLA_COMP_TYPE_S type = Type("MORTAL", 1301, Record);
   type.destructor = NoteEnd;
-  Start({type});
+  g_destroyed = 0;
+  ASSERT_EQ(Start(type), 0u);
   CompManagerImpl& manager = CompManagerImpl::GetInstance();
   int mine = 0;
   ASSERT_EQ(TolaCompSetPara(1301, &mine), 0u);
@@ -227,7 +198,7 @@ TEST_F(CompManagerTest, TheFirst32DestinationsOfBothSetsCount) {
 }
 
 TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne) {
-  Start({Type("LOCAL", 1501, Record)});
+  ASSERT_EQ(Start(Type("LOCAL", 1501, Record)), 0u);
   const TOLA_COMP_DST_PROC_S peer = Process(400, {1501, 1502});
   ASSERT_EQ(TolaAddCompDstProcInfo(&peer), 0u);
   EXPECT_TRUE(IsKnown(1502));
@@ -252,6 +223,8 @@ TEST_F(CompManagerTest, AProcessThatNeedsASecuredLinkIsNotReachedInTheClear) {
   EXPECT_THAT(Logged().TakeAll(), ElementsAre(HasSubstr("no secured link: proc[401]")));
   ASSERT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, nullptr), 0u);
   EXPECT_TRUE(IsKnown(1601));
+  const TOLA_COMP_PROC_S peerAddress = Address(401);
+  EXPECT_EQ(TolaDelCompDstProcInfo(&peerAddress), 0u);
 }
 
 std::vector<uint32_t> g_announced;
@@ -303,6 +276,8 @@ TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {
   CHILD_EXPECT(Arrived().Take().data == "ha");
   TOLA_CompDefaultHaStateSet(2);
   CHILD_EXPECT(MakeCompCpi(4181) == 0x80001055);
+  CHILD_EXPECT(AddIccCompSchAttr() == 0 && AddWifiCompSchAttr() == 0);
+  CHILD_EXPECT(AddIccCompSchAttr() == kRtfErrExists);  // under its own name, and once
   exit(0);
 }
 

@@ -1,50 +1,22 @@
 /// Component messages across the border to platform modules and back, and who owns what afterwards.
 #include "comp/comp_msg.h"
 
-#include <map>
-#include <memory>
-
 #include "base/result_codes.h"
 #include "comp/comp_msg_trans.h"
 #include "comp_fixture.h"
 #include "velto/dms.h"
-#include "velto/kel_sync.h"
 
 namespace comp_test {
 namespace {
 
+using support::HighPri;
+using support::MsgPtr;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 constexpr uint16_t kModule = 42;
 constexpr uint32_t kAbsent = 5;  ///< neither a component nor a registered module
-
-struct MsgFree {
-  void operator()(tagMsgBuf* msg) const { TOLA_MsgFree(msg); }
-};
-using MsgPtr = std::unique_ptr<tagMsgBuf, MsgFree>;
-
-/// One high-priority queue for every module, of the length that a test gives it.
-class HighPri final : public HighPriQueueProcBase {
- public:
-  explicit HighPri(uint32_t length) {
-    if (KEL_QueueCreate("High", length, sizeof(tagMsgBuf*), &queue_) != 0) abort();
-  }
-  uint32_t RegisterModule(uint16_t, uint32_t, uint32_t, uint32_t) override { return 0; }
-  uint32_t UnregisterModule(uint16_t) override { return 0; }
-  uint32_t Receive(uint16_t, tagMsgBuf** out, uint32_t) override {
-    uint32_t size = 0;
-    return KEL_QueueAsyRead(queue_, out, sizeof(*out), &size);
-  }
-  uint32_t GetBlock(uint16_t, MsgModuleBlock* out) override {
-    *out = {queue_, kMsgNoTask, 1, 0};
-    return 0;
-  }
-
- private:
-  uint32_t queue_ = 0;
-};
 
 class CompMsgTest : public CompTest {
  protected:
@@ -79,20 +51,20 @@ TEST_F(CompMsgTest, AMessageToAPlatformModuleKeepsEverything) {
 }
 
 TEST_F(CompMsgTest, AMessageOfHighPriorityFallsBackToTheNormalQueue) {
-  HighPri highPri(1);
-  for (const bool registered : {false, true}) {
-    if (registered) RegHighPriQueueProcObj(&highPri);
-    for (uint16_t seqNo = 1; seqNo <= 3; ++seqNo) {
-      void* msg = NewMsg(1, 1, seqNo, "x");
-      TolaCompMsgPrioSet(msg, seqNo == 1 ? kTolaMsgPrioNormal : kTolaMsgPrioHigh);
-      EXPECT_EQ(TolaCompMsgSend(kModule, msg), 0u) << "message " << seqNo;
-    }
-    std::vector<uint16_t> order;
-    for (int i = 0; i < 3; ++i) order.push_back(Receive()->subType);
-    // Without an object all stand in the normal queue; with one of a single place, the second is served
-    // first.
-    EXPECT_THAT(order, registered ? ElementsAre(2, 1, 3) : ElementsAre(1, 2, 3));
-  }
+  const auto send = [](uint16_t seqNo, TolaMsgPrio priority) {
+    void* msg = NewMsg(1, 1, seqNo, "x");
+    TolaCompMsgPrioSet(msg, priority);
+    EXPECT_EQ(TolaCompMsgSend(kModule, msg), 0u) << "message " << seqNo;
+  };
+  send(1, kTolaMsgPrioHigh);  // there is no high-priority queue
+  EXPECT_EQ(Receive()->subType, 1);
+  ASSERT_EQ(TOLA_MsgModuleUnregister(kModule), 0u);
+  HighPri highPri;
+  RegHighPriQueueProcObj(&highPri);
+  ASSERT_EQ(TOLA_MsgModuleRegister(kModule, kMsgNoTask, 1, 2), 0u);
+  send(1, kTolaMsgPrioNormal);
+  for (uint16_t seqNo = 2; seqNo <= 4; ++seqNo) send(seqNo, kTolaMsgPrioHigh);
+  for (const uint32_t seqNo : {2u, 3u, 1u, 4u}) EXPECT_EQ(Receive()->subType, seqNo);
 }
 
 TEST_F(CompMsgTest, AMessageThatNoModuleTakesIsFreedAndItsResultReturned) {
@@ -107,7 +79,7 @@ TEST_F(CompMsgTest, AMessageThatNoModuleTakesIsFreedAndItsResultReturned) {
 }
 
 TEST_F(CompMsgTest, APlatformMessageReachesAComponentThroughThePost) {
-  Start({Type("TAKES", 1901, Record)});
+  ASSERT_EQ(Start(Type("TAKES", 1901, Record)), 0u);
   std::string data(65538, '\0');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 31 >> 3);
   MsgPtr msg(TOLA_MsgAlloc(37, 2572, 0xBEEF, static_cast<uint32_t>(data.size())));
@@ -132,16 +104,14 @@ TEST_F(CompMsgTest, APlatformMessageReachesAComponentThroughThePost) {
 }
 
 TEST_F(CompMsgTest, AFailedSendLeavesThePlatformMessageToItsSender) {
-  TOLA_COMP_DST_PROC_S peer{};
-  (void)snprintf(peer.ip, sizeof(peer.ip), "%s", kIp);
-  peer.procId = 450;
-  peer.addrNum = 1;
-  peer.addr[0] = {1902, 1902};
+  const TOLA_COMP_DST_PROC_S peer = Process(450, {1902});
   ASSERT_EQ(TolaAddCompDstProcInfo(&peer), 0u);
   const MsgPtr msg(TOLA_MsgAlloc(37, 1, 1, 3));
   EXPECT_EQ(TOLA_MsgPost(1902, msg.get(), 1), kDmsErrNoPeer);
   EXPECT_EQ(GetTolaMsgLen(msg.get()), 3u) << "the message was freed under its sender";
   EXPECT_EQ(TolaSendMsgToComp(1902, nullptr, false), kCompErrNull);
+  const TOLA_COMP_PROC_S peerAddress = Address(450);
+  EXPECT_EQ(TolaDelCompDstProcInfo(&peerAddress), 0u);
 }
 
 class MemStatistic final : public MsgMemStatisticBase {
@@ -157,7 +127,7 @@ class MemStatistic final : public MsgMemStatisticBase {
 };
 
 TEST_F(CompMsgTest, TheMemoryStatisticSeesMessagesComeAndLeave) {
-  Start({Type("COUNTED", 1903, Record)});
+  ASSERT_EQ(Start(Type("COUNTED", 1903, Record)), 0u);
   MemStatistic statistic;
   SetMsgMemStatisticInstance(&statistic);
   ASSERT_EQ(TolaCompMsgSend(1903, NewMsg(1903, 1, 1, "abc")), 0u);
@@ -172,7 +142,7 @@ TEST_F(CompMsgTest, TheMemoryStatisticSeesMessagesComeAndLeave) {
 }
 
 TEST_F(CompMsgTest, QueueLengthsAreBounded) {
-  Start({Type("QUEUED", 1904, Record)});
+  ASSERT_EQ(Start(Type("QUEUED", 1904, Record)), 0u);
   struct {
     uint32_t csi;
     uint32_t length;
