@@ -32,7 +32,7 @@ find_controller() {
     fi
   done
   for dir in "$ROOT/cpu" "$ROOT/cpu,cpuacct"; do
-    if [ -f "$dir/cgroup.procs" ] && [ -f "$dir/cpu.shares" -o -f "$dir/cpu.cfs_period_us" ]; then
+    if [ -f "$dir/cgroup.procs" ] && { [ -f "$dir/cpu.shares" ] || [ -f "$dir/cpu.cfs_period_us" ]; }; then
       version=1 base=$dir
       return
     fi
@@ -106,8 +106,10 @@ unset_limit() {
 
 [ $# -eq 4 ] || fail 1 "usage: cgrouputil.sh SET|UNSET pid limit period"
 action=$1 pid=$2 limit=$3 period=$4
-is_number "$pid" && is_number "$limit" && is_number "$period" || fail 1 "pid, limit and period are decimal numbers"
-[ "$period" -ge 1 ] && [ "$period" -le 1000 ] || fail 1 "the period is 1 to 1000 ms, not $period"
+for number in "$pid" "$limit" "$period"; do
+  is_number "$number" || fail 1 "pid, limit and period are decimal numbers"
+done
+if [ "$period" -lt 1 ] || [ "$period" -gt 1000 ]; then fail 1 "the period is 1 to 1000 ms, not $period"; fi
 find_controller
 group=$base/$GROUP/p$pid
 case $action in
