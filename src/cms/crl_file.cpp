@@ -7,13 +7,16 @@
 #include <new>
 
 #include "base/result_codes.h"
+#include "cms/cert_cache.h"
 #include "cms/decode.h"
 #include "cms/input_file.h"
 #include "cms/report.h"
 #include "cms/verify_state.h"
+#include "cms/verify_time.h"
 
 struct SigvfyCrl {
-  std::vector<cms::CrlPtr> lists;  ///< one an issuer, all authenticated
+  std::vector<cms::CrlPtr> lists;      ///< one an issuer, all authenticated
+  std::vector<cms::CrlPtr> strangers;  ///< of issuers that the context does not hold
 };
 
 namespace {
@@ -49,11 +52,23 @@ uint32_t DecodeCrlFile(const SigvfyCtx& ctx, const char* path, SigvfyCrl** out) 
   for (cms::CrlPtr& list : lists) {
     const Origin origin = OriginOf(list.get(), ctx.store->certs);
     if (origin == Origin::kForged) return cms::Report(kSigvfyErrCrlSignature, path, "SigvfyDecodeCrlFile");
-    if (origin == Origin::kGenuine) crl->lists.push_back(std::move(list));
+    (origin == Origin::kGenuine ? crl->lists : crl->strangers).push_back(std::move(list));
   }
   if (crl->lists.empty()) return cms::Report(kSigvfyErrCrlIssuer, path, "SigvfyDecodeCrlFile");
   *out = crl.release();
   return kSuccess;
+}
+
+/// One older or missing list decides: the others would bring revocations of its issuer to an end.
+bool IsNewer(const SigvfyCrl& first, const SigvfyCrl& second) {
+  bool anyNewer = false;
+  for (const cms::CrlPtr& theirs : second.lists) {
+    const X509_CRL* ours = cms::FindCrl(first.lists, X509_CRL_get_issuer(theirs.get()));
+    const int age = ours == nullptr ? -1 : cms::CompareAge(ours, theirs.get());
+    if (age < 0) return false;
+    anyNewer = anyNewer || age > 0;
+  }
+  return anyNewer;
 }
 
 }  // namespace
@@ -70,17 +85,27 @@ uint32_t SigvfyDecodeCrlFile(SigvfyCtx* ctx, const char* path, SigvfyCrl** crl) 
 
 uint32_t SigvfyCompareCrl(const SigvfyCrl* first, const SigvfyCrl* second, uint32_t* newer) {
   if (first == nullptr || second == nullptr || newer == nullptr) return cms::Report(kSigvfyErrArgument);
-  *newer = 0;
-  bool anyNewer = false;
-  for (const cms::CrlPtr& theirs : second->lists) {
-    const X509_CRL* ours = cms::FindCrl(first->lists, X509_CRL_get_issuer(theirs.get()));
-    const int age = ours == nullptr ? -1 : cms::CompareAge(ours, theirs.get());
-    if (age < 0) return kSuccess;
-    anyNewer = anyNewer || age > 0;
-  }
-  *newer = anyNewer ? 1 : 0;
+  *newer = IsNewer(*first, *second) ? 1 : 0;
   ERR_clear_error();
   return kSuccess;
+}
+
+bool SigvfyCrlIsFuture(const SigvfyCrl* crl) {
+  const cms::VerifyTime time = cms::CurrentVerifyTime();
+  return crl == nullptr || std::any_of(crl->lists.begin(), crl->lists.end(), [&](const cms::CrlPtr& list) {
+           return time.IsFuture(cms::SecondsOf(X509_CRL_get0_lastUpdate(list.get())).value_or(INT64_MAX));
+         });
+}
+
+bool SigvfyCrlNamesStranger(const SigvfyCrl* crl, const uint8_t* cert, size_t length) {
+  if (crl == nullptr || cert == nullptr || length == 0) return true;
+  std::vector<cms::CertPtr> certs;
+  const auto decode = [&] { return cms::CertCache::Get().Decode({cert, length}, certs); };
+  const bool decoded = cms::Contained(decode) == kSuccess;
+  ERR_clear_error();
+  return !decoded || std::any_of(certs.begin(), certs.end(), [&](const cms::CertPtr& issuer) {
+    return cms::FindCrl(crl->strangers, X509_get_subject_name(issuer.get())) != nullptr;
+  });
 }
 
 void SigvfyFreeCrl(SigvfyCrl* crl) {

@@ -108,6 +108,14 @@ void SigvfyVrfCtxFree(SigvfyCtx* ctx);
 /// @retval 0 @retval kSigvfyErrArgument
 [[nodiscard]] uint32_t SigvfyCompareCrl(const SigvfyCrl* first, const SigvfyCrl* second, uint32_t* newer);
 
+/// True when one of the authenticated lists is not valid yet: nothing newer could take its place in time.
+/// True for null.
+[[nodiscard]] bool SigvfyCrlIsFuture(const SigvfyCrl* crl);
+
+/// True when the file also holds a list, unauthenticated, under the name of a certificate in `cert` (DER or
+/// PEM); also for missing or malformed arguments.
+[[nodiscard]] bool SigvfyCrlNamesStranger(const SigvfyCrl* crl, const uint8_t* cert, size_t length);
+
 /// Null is accepted.
 void SigvfyFreeCrl(SigvfyCrl* crl);
 

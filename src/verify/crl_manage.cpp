@@ -16,13 +16,14 @@ uint32_t AddAnchors(const SIGNATURE_VERIFY_REQ_S& request, SigvfyCtx* context) {
   if (root.certificate == nullptr || root.length == 0) return kCrlErrRoot;
   uint32_t result = SigvfyVerifyAddCert(context, root.certificate, root.length);
   if (result != kSuccess) {
-    LOG_ERR(kVerifyLogModule, "Add root cert check err: %u, %s", result, request.crlPath);
+    LOG_ERR(kVerifyLogModule, "Add root cert check err: %d, %s", static_cast<int>(result), request.crlPath);
     return result;
   }
   if (request.extraCert == nullptr || request.extraCert[0] == '\0') return kSuccess;
   const auto* text = reinterpret_cast<const uint8_t*>(request.extraCert);
   result = SigvfyVerifyAddCert(context, text, strlen(request.extraCert) + 1);
-  if (result != kSuccess) LOG_ERR(kVerifyLogModule, "Add root ca check err: %u, %s", result, request.crlPath);
+  if (result != kSuccess)
+    LOG_ERR(kVerifyLogModule, "Add root ca check err: %d, %s", static_cast<int>(result), request.crlPath);
   return result;
 }
 
@@ -64,7 +65,7 @@ uint32_t GetValidCrlInfo(const SIGNATURE_VERIFY_REQ_S& request, VerifyCtxPtr& co
   SigvfyCrl* decoded = nullptr;
   result = SigvfyDecodeCrlFile(owner.get(), request.crlPath, &decoded);
   if (result != kSuccess) {
-    LOG_ERR(kVerifyLogModule, "check crl for update err: %u, %s", result, request.crlPath);
+    LOG_ERR(kVerifyLogModule, "check crl for update err: %d, %s", static_cast<int>(result), request.crlPath);
     return result;
   }
   crl.reset(decoded);
@@ -98,7 +99,7 @@ uint32_t CompareCrlDate(const SIGNATURE_VERIFY_REQ_S& request, const char* store
   }
   state->storedValid = true;
   result = SigvfyCompareCrl(update.get(), stored.get(), newer);
-  LOG_EVT(kVerifyLogModule, "compare crl res: %08x, %u", result, *newer);
+  LOG_EVT(kVerifyLogModule, "compare crl res: %08x, %d", result, static_cast<int>(*newer));
   return result;
 }
 
@@ -133,6 +134,7 @@ uint32_t ProcessCrlInfo(const SIGNATURE_VERIFY_REQ_S& request) {
   if (GetSignatureCrlFileName(request.caType, stored, sizeof(stored), kStoredCrlPathMax) != kSuccess) {
     return kVerifyErrNoCrl;
   }
+  RestoreStoredCrl(request.caType);  // else an old list could be taken for the first one
   const bool storedExists = CheckFileExist(stored) == kSuccess;
   if (!storedExists && !supplied) {
     LOG_EVT(kVerifyLogModule, "no check crl");

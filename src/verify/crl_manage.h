@@ -72,11 +72,17 @@ struct CRL_COMPARE_STATE_S {
 [[nodiscard]] uint32_t CheckUpdateCrlValidAndUpdate(const SIGNATURE_VERIFY_REQ_S& request, bool storedExists);
 
 /// Puts the list at `crlPath` in place of the stored one of `caType`. The stored one is there afterwards, old
-/// or new, whatever fails.
-/// @retval 0 @retval 17673 a name or the command does not fit @retval 1 a name that no command may hold, or
-/// the replacement failed
+/// or new, whatever fails. What could not serve as a stored list is refused: a list that the type's root
+/// alone does not authenticate (one that borrows its name from an extra certificate), one from the future (no
+/// genuine list could ever replace it), and a file with a list of another type's root (nobody compares its
+/// age).
+/// @retval 0 @retval 17673 a name or the command does not fit @retval 1 a name that no command may hold, a
+/// list that cannot be stored, or the replacement failed
 [[nodiscard]] uint32_t UpdateCrlFileToDevice(const char* crlPath, uint32_t caType);
 
-/// Puts back each stored list whose replacement was cut short. Call it once at start, before any verification
+/// Puts back the stored list of `caType` when its replacement was cut short or could not be undone.
+void RestoreStoredCrl(uint32_t caType);
+
+/// RestoreStoredCrl for every CA type. Call it once at start, before any verification
 /// and with the path configuration loaded; TolaEnableSignatureVerification does.
 void RestoreStoredCrlAtStart();

@@ -58,6 +58,16 @@ bool SyncRegularFile(const char* path) {
          fsync(fd.get()) == 0;
 }
 
+/// Removes what stands in the list's place, be it a directory.
+void RemoveWhatever(const char* stored) {
+  try {
+    std::error_code ignored;  // the next step meets the same obstacle and says so
+    (void)std::filesystem::remove_all(stored, ignored);
+  } catch (const std::bad_alloc&) {
+    (void)unlink(stored);
+  }
+}
+
 /// Puts the old list back when one waits. True: none waits any more.
 bool PutBack(const char* stored) {
   const AsideName aside(stored);
@@ -69,6 +79,8 @@ bool PutBack(const char* stored) {
 bool SetAside(const char* stored) {
   const AsideName aside(stored);
   if (!PutBack(stored)) return false;  // an earlier one must not be overwritten by what it was to replace
+  struct stat info;
+  if (lstat(stored, &info) == 0 && S_ISDIR(info.st_mode)) RemoveWhatever(stored);  // no list to keep
   if (rename(stored, aside.text) != 0) return errno == ENOENT;
   return SyncDirectoryOf(stored);
 }
@@ -86,19 +98,25 @@ bool HaveSameDigest(const char* first, const char* second) {
          memcmp(digests[0], digests[1], kDigestBytes) == 0;
 }
 
-/// Removes what a failed copy left in the list's place, be it a directory.
-void RemoveWhatever(const char* stored) {
-  try {
-    std::error_code ignored;  // PutBack meets the same obstacle and says so
-    (void)std::filesystem::remove_all(stored, ignored);
-  } catch (const std::bad_alloc&) {
-    (void)unlink(stored);
-  }
-}
-
 /// The runner splits at blanks and knows no way to say where options end.
 bool IsOneArgument(const char* path) {
   return path[0] != '\0' && path[0] != '-' && strchr(path, ' ') == nullptr;
+}
+
+/// Whether the list at `crlPath` can serve as the stored one of `caType`, see UpdateCrlFileToDevice.
+bool IsStorable(const char* crlPath, uint32_t caType) {
+  SIGNATURE_VERIFY_REQ_S alone;
+  alone.crlPath = crlPath;
+  alone.caType = static_cast<uint16_t>(caType);
+  VerifyCtxPtr context;
+  VerifyCrlPtr crl;
+  if (GetValidCrlInfo(alone, context, crl) != kSuccess || SigvfyCrlIsFuture(crl.get())) return false;
+  for (uint32_t type = 0; type < GetSignatureRootCASupportNum(); ++type) {
+    const TOLA_ROOT_CA_S other = GetRootCa(type);
+    if (type == caType || other.length == 0) continue;
+    if (SigvfyCrlNamesStranger(crl.get(), other.certificate, other.length)) return false;
+  }
+  return true;
 }
 
 bool MayRun(const char* crlPath, const char* stored, const char* command) {
@@ -126,7 +144,7 @@ uint32_t UpdateCrlFileToDevice(const char* crlPath, uint32_t caType) {
     LOG_ERR(kVerifyLogModule, "update crl err: %d", length);
     return kErrTextFormat;
   }
-  if (!MayRun(crlPath, stored, command)) {
+  if (!MayRun(crlPath, stored, command) || !IsStorable(crlPath, caType)) {
     LOG_ERR(kVerifyLogModule, "update crl refused: %s", crlPath);
     return kFailure;
   }
@@ -147,10 +165,12 @@ uint32_t UpdateCrlFileToDevice(const char* crlPath, uint32_t caType) {
   return kFailure;
 }
 
+void RestoreStoredCrl(uint32_t caType) {
+  char stored[kStoredCrlPathMax + 1];
+  if (GetSignatureCrlFileName(caType, stored, sizeof(stored), kStoredCrlPathMax) != kSuccess) return;
+  if (!PutBack(stored)) LOG_ERR(kVerifyLogModule, "crl put back err:%d, %s", errno, stored);
+}
+
 void RestoreStoredCrlAtStart() {
-  for (uint32_t type = 0; type < GetSignatureRootCASupportNum(); ++type) {
-    char stored[kStoredCrlPathMax + 1];
-    if (GetSignatureCrlFileName(type, stored, sizeof(stored), kStoredCrlPathMax) != kSuccess) continue;
-    if (!PutBack(stored)) LOG_ERR(kVerifyLogModule, "crl put back err:%d, %s", errno, stored);
-  }
+  for (uint32_t type = 0; type < GetSignatureRootCASupportNum(); ++type) RestoreStoredCrl(type);
 }

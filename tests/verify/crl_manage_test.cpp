@@ -113,21 +113,76 @@ TEST_F(CrlManageTest, EachTypeHasAListOfItsOwn) {
   EXPECT_FALSE(Exists(StoredFile())) << "type 0's list was touched";
 }
 
-TEST_F(CrlManageTest, ARevocationCannotBeRolledBack) {
-  const std::string list = "FileNum=0\n";
-  const std::string listPath = dir_.Write("update/list.txt", list);
-  const std::string signaturePath = dir_.Write("update/list.cms", Text(testpki::Sign(list, pki_.signer)));
-  request_.contentPath = listPath.c_str();
-  request_.signaturePath = signaturePath.c_str();
-  Supply(List(9, 1));
-  ASSERT_EQ(CMSSignatureVerify(request_), 0u);
-  const std::string revoking = Text(MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}}));
-  Supply(revoking);
-  EXPECT_EQ(CMSSignatureVerify(request_), 50987u);
-  Supply(List(9, 1));
+class RollbackTest : public CrlManageTest {
+ protected:
+  /// The device knows that the signer is revoked; an older list does not.
+  RollbackTest() {
+    dir_.Write("update/list.txt", list_);
+    dir_.Write("update/list.cms", Text(testpki::Sign(list_, pki_.signer)));
+    request_.contentPath = listPath_.c_str();
+    request_.signaturePath = signaturePath_.c_str();
+    Supply(older_);
+    EXPECT_EQ(CMSSignatureVerify(request_), 0u) << "not revoked yet";
+    Supply(revoking_);
+    EXPECT_EQ(CMSSignatureVerify(request_), 50987u);
+  }
+  const std::string list_ = "FileNum=0\n";
+  const std::string listPath_ = UpdateFile("list.txt"), signaturePath_ = UpdateFile("list.cms");
+  const std::string older_ = List(9, 1);
+  const std::string revoking_ = Text(MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}}));
+};
+
+TEST_F(RollbackTest, ByAnOlderListOrNone) {
+  Supply(older_);
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the older list was believed";
   request_.crlPath = nullptr;
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the stored list was not handed to the check";
+}
+
+TEST_F(RollbackTest, BesideAnotherTypesList) {
+  const testpki::Identity other = testpki::MakeRoot({.name = "root of type 1"});
+  testpki::InstallRoot(other, 1);
+  const auto der = [](const std::string& text) { return testpki::Bytes(text.begin(), text.end()); };
+  const std::string own = testpki::CrlPem(MakeCrl(other));
+  Supply(own + testpki::CrlPem(der(older_)));
+  request_.caType = 1;
+  EXPECT_EQ(CMSSignatureVerify(request_), 50997u) << "the age of a list of type 0 was compared with nothing";
+  EXPECT_FALSE(Exists(StoredFile("inside_signature.crl")));
+  Supply(own);
+  EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "no list covers a signer of type 0";
+}
+
+TEST_F(RollbackTest, ByAnExtraCertificateOfTheRootsName) {
+  const testpki::Identity twin = testpki::MakeRoot({.name = "test root"});
+  const std::string extra = twin.Pem();
+  request_.extraCert = extra.c_str();
+  Supply(Text(MakeCrl(twin, {.number = 9})));
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
+  EXPECT_EQ(StoredText(), revoking_) << "a list that the root did not sign took the place of the root's";
+}
+
+TEST_F(CrlManageTest, AListFromTheFutureIsNeverStored) {
+  Supply(List(-400));
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "first list";
+  EXPECT_FALSE(Exists(StoredFile()));
+  Store(List(9));
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
+  EXPECT_EQ(StoredText().size(), List(9).size());
+  Supply(List(1));
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "no list of today could replace it any more";
+  EXPECT_EQ(StoredText(), Supplied());
+}
+
+TEST_F(CrlManageTest, ADirectoryInTheListsPlaceBlocksNothing) {
+  dir_.Write("stored/note", "");
+  for (const char* round : {"first", "second"}) {
+    std::filesystem::remove_all(StoredFile());
+    std::filesystem::create_directory(StoredFile());
+    std::filesystem::copy(StoredFile("note"), StoredFile());
+    Supply(List(1));
+    EXPECT_EQ(ProcessCrlInfo(request_), 0u) << round;
+    EXPECT_EQ(StoredText(), Supplied()) << round;
+  }
 }
 
 /// Puts a program called cp in front of the machine's own.
@@ -179,10 +234,18 @@ TEST_F(FailingCopyTest, ACutInTheMiddleIsUndoneAtTheNextStart) {
   ASSERT_TRUE(WIFSIGNALED(status)) << "the process was to die while the list was being replaced";
   ASSERT_NE(StoredText(), older);
 
+  setenv("PATH", path_.c_str(), 1);
+  const std::string cutShort = StoredText();
+  Supply(List(20));
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "a request before the start's restoring";
+  EXPECT_EQ(StoredText(), older) << "an older list came in as if it were the first";
+
+  std::filesystem::rename(StoredFile(), StoredFile("signature.crl.old"));
+  Store(cutShort);
   RestoreStoredCrlAtStart();
   EXPECT_EQ(StoredText(), older);
   EXPECT_FALSE(Exists(StoredFile("signature.crl.old")));
-  setenv("PATH", path_.c_str(), 1);
+  Supply(List(1, 2));
   EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "the same update again";
   EXPECT_EQ(StoredText(), Supplied());
 }
