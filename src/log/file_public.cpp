@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <mutex>
 #include <optional>
 #include <string_view>
 
@@ -32,17 +34,54 @@ struct Owner {
   gid_t group;
 };
 
-/// Asked anew each time: an account may be made after this process started.
-std::optional<Owner> PlatformOwner() {
+/// Which file stands at a path, and in which state.
+struct FileStamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  time_t second = 0;
+  long nanosecond = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+FileStamp StampOf(const char* path) {
+  struct stat state = {};
+  if (stat(path, &state) != 0) return {};
+  return {state.st_dev, state.st_ino, state.st_ctim.tv_sec, state.st_ctim.tv_nsec};
+}
+
+/// False when it cannot be told whether the account exists.
+bool LookUpOwner(std::optional<Owner>& owner) {
   char texts[4096];
   struct passwd user = {};
   struct passwd* foundUser = nullptr;
-  if (getpwnam_r(kOwnerUser, &user, texts, sizeof(texts), &foundUser) != 0 || foundUser == nullptr) return {};
+  owner.reset();
+  if (getpwnam_r(kOwnerUser, &user, texts, sizeof(texts), &foundUser) != 0) return false;
+  if (foundUser == nullptr) return true;
   struct group group = {};
   struct group* foundGroup = nullptr;
-  if (getgrnam_r(kOwnerGroup, &group, texts, sizeof(texts), &foundGroup) != 0 || foundGroup == nullptr)
-    return {};
-  return Owner{user.pw_uid, group.gr_gid};
+  if (getgrnam_r(kOwnerGroup, &group, texts, sizeof(texts), &foundGroup) != 0) return false;
+  if (foundGroup != nullptr) owner = {user.pw_uid, group.gr_gid};
+  return true;
+}
+
+/// None without the account. An answer holds until one of the account files changes: the account may be made
+/// while this process runs, but a look-up costs dozens of system calls. Never waits.
+std::optional<Owner> PlatformOwner() {
+  using Stamps = std::array<FileStamp, 2>;
+  static std::mutex guarding;
+  static std::optional<Owner> known;
+  static std::optional<Stamps> knownSince;
+  const Stamps now = {StampOf("/etc/passwd"), StampOf("/etc/group")};
+  const std::unique_lock lock(guarding, std::try_to_lock);
+  const bool isMine = lock.owns_lock();  // not so in a signal handler that runs over the holder
+  if (isMine && knownSince == now) return known;
+  std::optional<Owner> owner;
+  const bool isAnswer = LookUpOwner(owner);
+  if (isMine) {
+    known = owner;
+    knownSince = isAnswer ? std::optional(now) : std::nullopt;
+  }
+  return owner;
 }
 
 /// Mode and owner of a file that we just made.
@@ -95,6 +134,7 @@ bool WriteAll(int fd, const char* data, size_t length) {
   while (length > 0) {
     const ssize_t written = write(fd, data, length);
     if (written < 0 && errno == EINTR) continue;
+    if (written == 0) errno = EIO;  // a failure without a reason must not look like none
     if (written <= 0) return false;
     data += written;
     length -= static_cast<size_t>(written);
@@ -233,13 +273,18 @@ uint32_t ChangeFileProperty(const char* path) {
   if (path == nullptr) return 1;
   const base::UniqueFd fd(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));  // opens without touching what it is
   struct stat state = {};
-  if (!fd || fstat(fd.get(), &state) != 0 || !S_ISREG(state.st_mode)) return 1;
+  if (!fd || fstat(fd.get(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_nlink > 1) return 1;
   char self[64];
   if (snprintf_s(self, sizeof(self), sizeof(self) - 1, "/proc/self/fd/%d", fd.get()) < 0) return 1;
   if (chmod(self, kFileMode) != 0) return 1;
   const auto owner = PlatformOwner();
   if (!owner || fchownat(fd.get(), "", owner->user, owner->group, AT_EMPTY_PATH) == 0) return 0;
   return geteuid() == 0 ? 1 : 0;
+}
+
+uint32_t GiveToPlatform(const char* path) {
+  const auto owner = PlatformOwner();
+  return path != nullptr && owner && chown(path, owner->user, owner->group) == 0 ? 0 : 1;
 }
 
 void DropCaches() {

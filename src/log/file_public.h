@@ -116,9 +116,14 @@ inline constexpr char kScriptFolder[] = "/app_run/app_bin/script/";
 [[nodiscard]] uint32_t TOLA_DeleteFile(uint16_t moduleId, const char* path);
 
 /// Gives a regular file mode 0600 and the owner prorunacc:quorin. Follows no link and never logs.
-/// @retval 1 not a regular file, the mode could not be set, or root could not set an existing owner; another
-/// user than root leaves the owner as it is and succeeds
+/// @retval 1 not a regular file, or one with a second name, which may be somebody else's; the mode could not
+/// be set, or root could not set an existing owner; another user than root leaves the owner as it is and
+/// succeeds
 [[nodiscard]] uint32_t ChangeFileProperty(const char* path);
+
+/// Gives `path` (links followed) the owner prorunacc:quorin and leaves its mode. Never logs.
+/// @retval 1 there is no such account, or the owner could not be set
+[[nodiscard]] uint32_t GiveToPlatform(const char* path);
 
 /// Writes dirty pages out and asks the kernel to drop its caches; without the right to, only the former.
 void DropCaches();

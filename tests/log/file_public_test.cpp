@@ -324,6 +324,10 @@ TEST_F(FileServiceTest, PropertyIsSetOnRegularFilesOnly) {
   fs::create_symlink(file, dir_.File("link"));
   EXPECT_EQ(ChangeFileProperty(dir_.File("link").c_str()), 1u);
   EXPECT_EQ(ModeOf(file), 0644u) << "the link was followed";
+  fs::create_hard_link(file, dir_.File("second name"));
+  EXPECT_EQ(ChangeFileProperty(file.c_str()), 1u);
+  EXPECT_EQ(ModeOf(file), 0644u) << "a planted name gave the file of another away";
+  fs::remove(dir_.File("second name"));
   EXPECT_EQ(ChangeFileProperty(dir_.path().c_str()), 1u);
   EXPECT_EQ(ChangeFileProperty(dir_.File("absent").c_str()), 1u);
   chmod(file.c_str(), 0);
@@ -337,19 +341,22 @@ TEST_F(FileServiceTest, RootHandsFilesToTheRunAccount) {
   const std::string group = dir_.Write("group", "root:x:0:\nquorin:x:4712:\n");
   const std::string file = dir_.Write("file", "x");
   const std::string made = dir_.File("made");
+  const std::string folder = dir_.File("folder");
+  fs::create_directory(folder);
   constexpr int kNoNamespace = 77;
   const int result = InOwnProcess([&] {
+    (void)GiveToPlatform(file.c_str());  // whether there is an account here is asked, and must be asked again
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount(passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
         mount(group.c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
       return kNoNamespace;
     }
-    if (ChangeFileProperty(file.c_str()) != 0) return 1;
+    if (ChangeFileProperty(file.c_str()) != 0 || GiveToPlatform(folder.c_str()) != 0) return 1;
     return static_cast<int>(TOLA_CloseFile(TOLA_OpenFile(made.c_str(), "w")));
   });
   if (result == kNoNamespace) GTEST_SKIP() << "no right to a mount namespace";
   ASSERT_EQ(result, 0);
-  for (const std::string& path : {file, made}) {
+  for (const std::string& path : {file, made, folder}) {
     struct stat state = {};
     ASSERT_EQ(stat(path.c_str(), &state), 0);
     EXPECT_EQ(std::to_string(state.st_uid) + ":" + std::to_string(state.st_gid), "4711:4712") << path;
