@@ -61,30 +61,6 @@ void MoveToBackup() {
   }
 }
 
-/// Mode and owner of a new current file: those of `predecessor`, which spares the look-up of the account and
-/// the memory that it takes, else the platform's.
-uint32_t SetProperty(FILE* file, const struct stat* predecessor) {
-  if (predecessor == nullptr) return ChangeFileProperty(g_files.names.current);
-  const int fd = fileno(file);
-  if (fchmod(fd, S_IRUSR | S_IWUSR) != 0) return kFailure;
-  const bool isGiven = fchown(fd, predecessor->st_uid, predecessor->st_gid) == 0;
-  return isGiven || geteuid() != 0 ? kSuccess : kFailure;  // only root can always give a file away
-}
-
-uint32_t OpenCurrent(const struct stat* predecessor) {
-  CloseLogFile(g_files.file);
-  FILE* file = OpenLogFile(g_files.names.current, O_CREAT);
-  if (file == nullptr) {
-    PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
-    return kFailure;
-  }
-  const uint32_t result = SetProperty(file, predecessor);
-  if (result != kSuccess) PrintFileError(result, LogBaseName(__FILE__), __LINE__);  // still a log
-  ReserveSpace(file);
-  g_files.file = file;
-  return kSuccess;
-}
-
 void TurnOver() {
   if (WriteCurrent(kEndMarker, g_files.offset) == WriteResult::kFailed)
     PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
@@ -94,14 +70,10 @@ void TurnOver() {
     (void)WriteFreshHead(kFirstOffset);  // reported there; the record is tried all the same
     return;
   }
-  struct stat full = {};
-  FILE* file = g_files.file;  // a hook may have taken it away
-  const bool isKnown = file != nullptr && fstat(fileno(file), &full) == 0;
   CloseLogFile(g_files.file);
   BackupFileToSpecificPath(g_files.names.current);
   MoveToBackup();
-  (void)OpenCurrent(isKnown ? &full
-                            : nullptr);  // without a file the record is lost, and the next one tries again
+  (void)CreatRunLogFile();  // without a file the record is lost, and the next one tries again
   g_files.offset = 0;
 }
 
@@ -123,7 +95,10 @@ void WriteLine(const Record& record, std::string_view line) {
   if (g_files.overwrite) {
     const FileHead head = {.reserved = 0, .offset = end, .magic = kHeadMagic};
     const std::string_view bytes(reinterpret_cast<const char*>(&head), sizeof(head));
-    if (WriteCurrent(bytes, 0) == WriteResult::kFailed) PrintRecordError(record);
+    if (WriteCurrent(bytes, 0) == WriteResult::kFailed) {
+      PrintRecordError(record);
+      return;  // the next record takes this one's place, where the head on the disk points
+    }
   }
   g_files.offset = end;
   g_files.addNum.fetch_add(1, std::memory_order_relaxed);
@@ -137,7 +112,12 @@ void PrintFileError(uint32_t code, const char* file, uint32_t line) {
 
 FILE* OpenLogFile(const char* path, int flags) {
   base::UniqueFd fd(open(path, kOpenFlags | flags, S_IRUSR | S_IWUSR));
-  if (!fd) return nullptr;
+  struct stat info = {};
+  if (!fd || fstat(fd.get(), &info) != 0) return nullptr;
+  if (!S_ISREG(info.st_mode) || info.st_nlink > 1) {
+    errno = EMLINK;
+    return nullptr;
+  }
   FILE* file = fdopen(fd.get(), "r+");
   if (file == nullptr) return nullptr;
   (void)fd.release();  // the FILE's now
@@ -185,7 +165,17 @@ const LogFileNames& GetLogFileNames() {
 }
 
 uint32_t CreatRunLogFile() {
-  return runlog::OpenCurrent(nullptr);
+  runlog::CloseLogFile(g_files.file);
+  FILE* file = runlog::OpenLogFile(g_files.names.current, O_CREAT);
+  if (file == nullptr) {
+    runlog::PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
+    return kFailure;
+  }
+  const uint32_t result = ChangeFileProperty(g_files.names.current);
+  if (result != kSuccess) runlog::PrintFileError(result, LogBaseName(__FILE__), __LINE__);  // still a log
+  runlog::ReserveSpace(file);
+  g_files.file = file;
+  return kSuccess;
 }
 
 void WriteArm9LogTofile(const runlog::Record& record) {

@@ -41,8 +41,9 @@ extern FileState g_files;
 /// "err:..." on standard output, with the place in the log's own source.
 void PrintFileError(uint32_t code, const char* file, uint32_t line);
 
-/// Opens `path` for reading and writing without following a link, close-on-exec, and tells the flow-control
-/// hook. `flags` are added to open(2)'s. Null with errno set on failure.
+/// Opens `path` for reading and writing, close-on-exec, and tells the flow-control hook. `flags` are added to
+/// open(2)'s. Null with errno set on failure. The directory is the service account's: a link is not followed,
+/// and a file that has a second name is not ours to write or to give away.
 [[nodiscard]] FILE* OpenLogFile(const char* path, int flags);
 
 /// Closes a file of the log and clears its handle.

@@ -56,13 +56,10 @@ bool IsWanted(uint16_t moduleId, uint32_t level) {
 __attribute__((format(printf, 2, 0))) std::string_view FormatMessage(const Record& record, const char* fmt,
                                                                      va_list args) {
   static char message[kMessageSize];
-  int length = vsnprintf_s(message, sizeof(message), sizeof(message) - 1, fmt, args);
-  if (length < 0) {
-    length = static_cast<int>(strnlen(message, sizeof(message) - 1));
-    const bool isCut = length == sizeof(message) - 1;
-    if (!isCut) printf("err!%s,%d\n", record.file.data(), static_cast<int>(record.line));
-  }
-  const size_t end = static_cast<size_t>(length);
+  const int length = vsnprintf_s(message, sizeof(message), sizeof(message) - 1, fmt, args);
+  const size_t end = strnlen(message, sizeof(message) - 1);  // a "%c" of 0 ends the text as well
+  const bool isCut = length < 0 && end == sizeof(message) - 1;
+  if (length < 0 && !isCut) printf("err!%s,%d\n", record.file.data(), static_cast<int>(record.line));
   for (const char lineEnd : {'\n', '\r'}) {
     for (void* at = memchr(message, lineEnd, end); at != nullptr; at = memchr(message, lineEnd, end)) {
       *static_cast<char*>(at) = ' ';
@@ -101,13 +98,15 @@ __attribute__((format(printf, 2, 0))) void PrintRecord(const TOLA_LOG_PARA_S& pa
   WriteArm9LogTofile(record);
 }
 
-/// Hands the directory of the log to the service account; a failure is told and the log goes on without.
+/// Hands the directory of the log to the service account, by the command only where that fails without it: a
+/// program is the dearest step of a start. A failure is told and the log goes on without.
 void HandOverDirectory() {
   const std::string_view name = GetLogFileNames().current;
   const size_t slash = name.rfind('/');
   if (slash == std::string_view::npos) return;
   char directory[kLogFileNameMax + 1];
   directory[name.copy(directory, slash + 1)] = '\0';
+  if (GiveToPlatform(directory) == kSuccess) return;
   char command[kLogFileNameMax + 32];
   const int length =
       snprintf_s(command, sizeof(command), sizeof(command) - 1, "chown prorunacc:quorin %s", directory);

@@ -143,13 +143,18 @@ TEST(RunLogFileTest, OlderStartGoesOnAtThePositionThatWasKept) {
   EXPECT_THAT(log.Lines(), ElementsAre(StartsWith("before"), StartsWith("after")));
 }
 
-TEST(RunLogFileTest, StartFailsWithoutADirectoryAndTheLogHealsLater) {
+TEST(RunLogFileTest, StartFailsWithoutADirectoryOrAFileOfItsOwnAndTheLogHealsLater) {
   const LogCapture settings;
   const support::TempDir dir;
   ASSERT_EQ(TOLA_SetRunLogFileName(dir.File("late/run").c_str()), 0u);
   EXPECT_EQ(TOLA_PrintInitForArm9(1000, nullptr), 1u);
+  const std::string secret = dir.Write("secret", "x");
+  std::filesystem::create_directory(dir.File("late"));
+  std::filesystem::create_hard_link(secret, dir.File("late/run.log"));
   LogHundred("lost");
-  ASSERT_EQ(mkdir(dir.File("late").c_str(), 0700), 0);
+  LogHundred("lost");
+  EXPECT_EQ(ReadAll(secret), "x") << "a planted name let the log write over another's file";
+  std::filesystem::remove(dir.File("late/run.log"));
   LogHundred("makes the file");
   LogHundred("written");
   EXPECT_THAT(ReadAll(dir.File("late/run.log")), testing::HasSubstr("]:written"));

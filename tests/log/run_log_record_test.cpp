@@ -72,8 +72,9 @@ TEST(RunLogRecordTest, MessageIsCutAt199AndStaysOnOneLine) {
   TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", std::string(250, 'b').c_str());
   TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", "one\r\ntwo\n");
   TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", (std::string(198, 'c') + "\n\n").c_str());
+  TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "text%cafter its end", 0);
   EXPECT_THAT(log.Lines(), ElementsAre(std::string(199, 'a'), std::string(199, 'b'), "one  two ",
-                                       std::string(198, 'c') + " "));
+                                       std::string(198, 'c') + " ", "text"));
 
   log.Clear();
   testing::internal::CaptureStdout();
