@@ -1,8 +1,6 @@
 /// The component manager over the real runtime: start-up from the registration block, addresses, HA.
 #include "comp/comp_manager.h"
 
-#include <arpa/inet.h>
-
 #include <memory>
 
 #include "comp_fixture.h"
@@ -200,7 +198,10 @@ TEST_F(CompManagerTest, TheFirst32DestinationsOfBothSetsCount) {
 TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne) {
   ASSERT_EQ(Start(Type("LOCAL", 1501, Record)), 0u);
   const TOLA_COMP_DST_PROC_S peer = Process(400, {1501, 1502});
-  ASSERT_EQ(TolaAddCompDstProcInfo(&peer), 0u);
+  const int secInfo = 1;
+  EXPECT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, &secInfo), 1u);
+  EXPECT_FALSE(IsKnown(1502)) << "a process that needs a secured link is reached in the clear";
+  ASSERT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, nullptr), 0u);
   EXPECT_TRUE(IsKnown(1502));
   EXPECT_EQ(TolaCompMsgSend(1502, NewMsg(1501, 1, 1, "x")), kDmsErrNoPeer) << "nobody listens there";
   EXPECT_THAT(Logged().TakeAll(), Contains("comp_msg: 0x5dd send msg 0x1 to 0x5de fail:0x503"));
@@ -213,18 +214,6 @@ TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne)
   EXPECT_NE(TolaDelCompDstProcInfo(&own), 0u);
   EXPECT_FALSE(IsKnown(1502));
   EXPECT_TRUE(IsKnown(1501));
-}
-
-TEST_F(CompManagerTest, AProcessThatNeedsASecuredLinkIsNotReachedInTheClear) {
-  const TOLA_COMP_DST_PROC_S peer = Process(401, {1601});
-  const int secInfo = 1;
-  EXPECT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, &secInfo), 1u);
-  EXPECT_FALSE(IsKnown(1601));
-  EXPECT_THAT(Logged().TakeAll(), ElementsAre(HasSubstr("no secured link: proc[401]")));
-  ASSERT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, nullptr), 0u);
-  EXPECT_TRUE(IsKnown(1601));
-  const TOLA_COMP_PROC_S peerAddress = Address(401);
-  EXPECT_EQ(TolaDelCompDstProcInfo(&peerAddress), 0u);
 }
 
 std::vector<uint32_t> g_announced;
@@ -241,11 +230,6 @@ TEST_F(CompManagerTest, EachLocalComponentIsAnnounced) {
   ASSERT_EQ(TolaCompGetLocalProcInfo(&own), 0u);
   EXPECT_STREQ(own.ip, kIp);
   EXPECT_EQ(own.procId, kProcId);
-}
-
-TEST(CompAddressTest, AProcessIdIsMadeOfTheLowHalfOfTheAddress) {
-  EXPECT_EQ(TolaOsGenProcId(inet_addr("192.168.1.2")), 0x10102u);
-  EXPECT_EQ(TolaOsGenProcId(inet_addr("10.255.255.254")), 0x1FFFEu);
 }
 
 /// Says which expectation of a child process failed, since only its exit status comes back.
