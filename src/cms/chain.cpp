@@ -160,10 +160,6 @@ uint32_t ChainChecker::CheckRules(STACK_OF(X509) * chain) const {
     const X509_CRL* crl = i == anchor ? nullptr : FindCrl(store_.crls, X509_get_issuer_name(cert));
     const uint32_t code = crl == nullptr ? kSuccess : CheckCrlTime(crl);
     if (code != kSuccess) return code;
-    // libcrypto takes older marks of an authority for enough.
-    if (i != 0 && i != anchor && X509_check_ca(cert) != 1) {
-      return Report(kSigvfyErrChain, Complaint("no certification authority", cert).text);
-    }
     // An absent extension reads as all bits set.
     const uint32_t wanted = i == 0 ? XKU_CODE_SIGN : XKU_CODE_SIGN | XKU_ANYEKU;
     if (i != anchor && (X509_get_extended_key_usage(cert) & wanted) == 0) {

@@ -117,7 +117,7 @@ std::shared_ptr<X509> MakeCert(const CertSpec& spec, EVP_PKEY* key, const Identi
 
   std::string constraints = spec.isCa ? "critical,CA:TRUE" : "critical,CA:FALSE";
   if (spec.pathLength) constraints += ",pathlen:" + std::to_string(*spec.pathLength);
-  if (spec.basicConstraints) AddExtension(cert, issuerCert, NID_basic_constraints, constraints);
+  AddExtension(cert, issuerCert, NID_basic_constraints, constraints);
   AddExtension(
       cert, issuerCert, NID_key_usage,
       spec.keyUsage.value_or(spec.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature"));

@@ -43,7 +43,6 @@ struct CertSpec {
   std::string reuseKey = {};           ///< see NewKey
   std::string digest = "SHA256";       ///< of the issuer's signature
   std::optional<int> pathLength = {};  ///< of a CA
-  bool basicConstraints = true;        ///< false leaves the extension out
 };
 
 /// A certificate with its key.
