@@ -22,8 +22,12 @@ Parser::~Parser() = default;
 uint32_t Parser::Load(const char* path, const char* rootName) {
   root_ = nullptr;
   if (document_ == nullptr) return kXmlErrMemory;
-  const tinyxml2::XMLError error = document_->LoadFile(path);
-  if (error != tinyxml2::XML_SUCCESS) return static_cast<uint32_t>(error);
+  try {
+    const tinyxml2::XMLError error = document_->LoadFile(path);
+    if (error != tinyxml2::XML_SUCCESS) return static_cast<uint32_t>(error);
+  } catch (const std::bad_alloc&) {
+    return kXmlErrMemory;
+  }
   root_ = document_->FirstChildElement(rootName);
   return root_ == nullptr ? kXmlErrElement : 0;
 }
