@@ -70,7 +70,8 @@ uint32_t TolaOsInitVelto() {
   uint32_t result = KEL_CfgdbInitByFsldr(named ? fromXml.c_str() : kDefaultRuntimeCfg);
   if (result != 0) return result;
   result = KEL_Start(nullptr);
-  if (result == 0) g_pfnUsrAdjustHook = TolaOsUserTickAdjust;
+  // The runtime's timer thread runs already and reads the hook.
+  if (result == 0) __atomic_store_n(&g_pfnUsrAdjustHook, TolaOsUserTickAdjust, __ATOMIC_RELEASE);
   return result;
 }
 
