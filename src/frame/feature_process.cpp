@@ -71,7 +71,7 @@ uint32_t TolaOsInitVelto() {
   if (result != 0) return result;
   result = KEL_Start(nullptr);
   // The runtime's timer thread runs already and reads the hook.
-  if (result == 0) __atomic_store_n(&g_pfnUsrAdjustHook, TolaOsUserTickAdjust, __ATOMIC_RELEASE);
+  if (result == 0) __atomic_store_n(&g_pfnUsrAdjustHook, &TolaOsUserTickAdjust, __ATOMIC_RELEASE);
   return result;
 }
 
