@@ -173,16 +173,27 @@ uint32_t RunCommand(const char* command, const char* scriptPath, uint16_t cpuLim
   return result;
 }
 
+/// Like fgets, with the length, so that no byte is lost behind a zero byte. 0 at the end.
+size_t ReadLine(FILE* file, char (&line)[kBankLineSize]) {
+  size_t length = 0;
+  int c = 0;
+  while (length < sizeof(line) - 1 && c != '\n' && (c = getc(file)) != EOF) {
+    line[length++] = static_cast<char>(c);
+  }
+  line[length] = '\0';
+  return length;
+}
+
 /// Copies line by line with the first bank of each line exchanged.
 uint32_t CopyWithBankExchanged(FILE* config, FILE* copy) {
   char line[kBankLineSize];
-  while (fgets(line, sizeof(line), config) != nullptr) {
+  while (const size_t length = ReadLine(config, line)) {
     const char* match = KEL_StrStr(line, kBank);
     if (match != nullptr) {
       char& bank = line[match - line + sizeof(kBank) - 1];
       if (bank == '0' || bank == '1') bank = bank == '0' ? '1' : '0';
     }
-    if (TOLA_WriteFile(copy, line, strlen(line)) != 0) return kFailure;
+    if (TOLA_WriteFile(copy, line, length) != 0) return kFailure;
   }
   return ferror(config) == 0 && fflush(copy) == 0 && fsync(fileno(copy)) == 0 ? kSuccess : kFailure;
 }

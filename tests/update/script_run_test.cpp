@@ -13,7 +13,6 @@
 
 #include "base/owners.h"
 #include "base/result_codes.h"
-#include "frame/public_file_cfg.h"
 #include "update/script_exe_ids.h"
 #include "update_fixture.h"
 
@@ -160,13 +159,14 @@ class BootBankTest : public update_test::UpdateTest {
 
 TEST_F(BootBankTest, ExchangesTheFirstBankOfEachLineAndKeepsEveryOtherByte) {
   const std::string filler(300, 'x');
+  const std::string binary("zero\0byte\n", 10);
   dir_.Write("config.kp",
              "path=/app_run/app_bin0/app\n/app_bin1\nsecond /app_bin0 /app_bin0\n/app_bin2/x\n/app_bin\n" +
-                 filler + "/app_bin1\nlast /app_bin1");
+                 binary + filler + "/app_bin1\nlast /app_bin1");
   ASSERT_EQ(ModifyBackPath(config_.c_str(), backup_.c_str()), 0u);
   EXPECT_EQ(ReadFile(config_),
             "path=/app_run/app_bin1/app\n/app_bin0\nsecond /app_bin1 /app_bin0\n/app_bin2/x\n/app_bin\n" +
-                filler + "/app_bin0\nlast /app_bin0");
+                binary + filler + "/app_bin0\nlast /app_bin0");
   EXPECT_FALSE(Exists("configback.kp"));
 }
 
@@ -184,28 +184,6 @@ TEST_F(BootBankTest, AFailureLeavesTheConfigurationAsItWas) {
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   EXPECT_EQ(ReadFile(config_), "/app_bin0\n");
   EXPECT_FALSE(Exists("configback.kp")) << "a half copy was left behind";
-}
-
-std::string g_bankDir;
-
-TEST_F(BootBankTest, TheMonitorScriptIsNotListenedToAndTheRewriteIsTheResult) {
-  g_bankDir = dir_.path();
-  SetCfgCallBackFunc(
-      [](const char* name) {
-        static std::string config;
-        static std::string backup;
-        std::string& path = strstr(name, "back") != nullptr ? backup : config;
-        path = g_bankDir + strrchr(name, '/');
-        return path.c_str();
-      },
-      nullptr);
-  const std::string script = Script("monitor_update.sh", "echo failed; exit 1");
-  dir_.Write("config.kp", "/app_bin0\n");
-  EXPECT_EQ(ExeScriptFileCommon(script.c_str(), "/p/pkg.tar.gz", nullptr, 0), 0u);
-  EXPECT_EQ(ReadFile(config_), "/app_bin1\n");
-  std::filesystem::remove(config_);
-  EXPECT_EQ(ExeScriptFileCommon(script.c_str(), "/p/pkg.tar.gz", nullptr, 0), kExeErrBackOpen);
-  SetCfgCallBackFunc(nullptr, nullptr);
 }
 
 }  // namespace
