@@ -9,6 +9,7 @@
 #include "log/run_log.h"
 #include "update/file_name_check.h"
 #include "update/script_exe_ids.h"
+#include "update/script_run.h"
 
 namespace {
 
@@ -67,12 +68,11 @@ uint32_t GetInnerShFile(const char* directory, const char* packagePath, const ch
 uint32_t GetInnerScript(const char* scriptPath, const char* packagePath, char* innerFile,
                         uint32_t innerFileSize) {
   const char* packageSlash = strrchr(packagePath, '/');
-  const char* scriptSlash = strrchr(scriptPath, '/');
-  const char* scriptName = scriptSlash != nullptr ? scriptSlash + 1 : scriptPath;
   const size_t length = packageSlash != nullptr ? static_cast<size_t>(packageSlash - packagePath) : 0;
   char directory[kCommandMax + 1];
   if (strncpy_s(directory, sizeof(directory), packagePath, length) == EOK) {
-    (void)GetInnerShFile(directory, packagePath, scriptName, innerFile, innerFileSize);  // the file decides
+    (void)GetInnerShFile(directory, packagePath, ScriptBaseName(scriptPath), innerFile,
+                         innerFileSize);  // the file decides
   }
   const uint32_t missing = CheckFileExist(scriptPath);
   if (missing != 0) LOG_ERR(kModule, "script file not exist, %d", static_cast<int>(missing));

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "base/owners.h"
 #include "base/result_codes.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
@@ -16,20 +17,6 @@ namespace {
 constexpr uint16_t kModule = kScriptExeCompId;
 constexpr size_t kLineSize = 128;
 constexpr size_t kValueMax = 127;
-
-class OpenFile {
- public:
-  explicit OpenFile(const char* path) : file_(TOLA_OpenFile(path, "r")) {}
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-  ~OpenFile() {
-    if (file_ != nullptr) (void)TOLA_CloseFile(file_);  // read only: nothing can be lost
-  }
-  [[nodiscard]] FILE* get() const { return file_; }
-
- private:
-  FILE* file_;
-};
 
 }  // namespace
 
@@ -54,10 +41,10 @@ uint32_t GetKeyValue(FILE* file, int64_t& offset, const char* key, char* value, 
 
 uint32_t ParsingFeatureIdFromFile(const char* path, uint32_t& featureId) {
   featureId = 0;
-  const OpenFile file(path);
+  const base::FilePtr file(TOLA_OpenFile(path, "r"));
   char value[kValueMax + 2];
   int64_t offset = 0;
-  if (file.get() == nullptr || GetKeyValue(file.get(), offset, "FeatureID=", value, sizeof(value)) != 0) {
+  if (!file || GetKeyValue(file.get(), offset, "FeatureID=", value, sizeof(value)) != 0) {
     LOG_ERR(kModule, "get FeatureID failed");
     return kFailure;
   }

@@ -40,11 +40,6 @@ constexpr char kBankBackup[] = "/mnt/log/update/configback.kp";
 constexpr char kBank[] = "/app_bin";
 constexpr int kBankLineSize = 255;
 
-const char* BaseName(const char* path) {
-  const char* slash = strrchr(path, '/');
-  return slash != nullptr ? slash + 1 : path;
-}
-
 /// Whether a shell takes the path for one command word that means this very file: it does not split or
 /// expand it, and searches no PATH. Otherwise it would run something that nobody has verified.
 bool IsOneShellWord(const char* path) {
@@ -153,7 +148,7 @@ void ClosePipe(FILE* pipe) {
 }
 
 uint32_t RunCommand(const char* command, const char* scriptPath, uint16_t cpuLimit) {
-  const char* name = BaseName(scriptPath);
+  const char* name = ScriptBaseName(scriptPath);
   errno = 0;
   FILE* pipe = popen(command, "re");
   if (pipe == nullptr) {
@@ -163,7 +158,7 @@ uint32_t RunCommand(const char* command, const char* scriptPath, uint16_t cpuLim
   LOG_EVT(kModule, "**begin:%d", errno);
   LimitScriptRes(name, cpuLimit);
   uint32_t result = kSuccess;
-  if (strncmp(name, kBankScript, sizeof(kBankScript) - 1) == 0) {
+  if (IsBankScript(scriptPath)) {
     result = ModifyBackPath(TOLA_GetFileFullName(kBankConfig), TOLA_GetFileFullName(kBankBackup));
     LOG_EVT(kModule, "mod bk path,%d", static_cast<int>(result));
   } else {
@@ -199,6 +194,15 @@ uint32_t CopyWithBankExchanged(FILE* config, FILE* copy) {
 }
 
 }  // namespace
+
+const char* ScriptBaseName(const char* path) {
+  const char* slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+bool IsBankScript(const char* path) {
+  return strncmp(ScriptBaseName(path), kBankScript, sizeof(kBankScript) - 1) == 0;
+}
 
 uint32_t ExeScriptFileCommon(const char* scriptPath, const char* fileArgument, const char* extendPara,
                              uint16_t cpuLimit) {

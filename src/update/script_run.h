@@ -8,15 +8,21 @@
 #include <stdint.h>
 #include <stdio.h>
 
+/// The text after the last slash; the whole path when there is none.
+const char* ScriptBaseName(const char* path);
+
+/// Whether the base name begins with "monitor_update.sh". Such a script gets the package itself, wherever it
+/// came from, and is not listened to: the recorded boot bank is switched while it runs.
+bool IsBankScript(const char* path);
+
 /// Runs "scriptPath fileArgument extendPara"; `extendPara` null leaves the third word out. The script's mode
-/// becomes 0700. A script named "monitor_update.sh..." is not listened to: the recorded boot bank is switched
-/// while it runs, and that is the result.
+/// becomes 0700. Once the result is known (its OK line, or a bank script's switch) its output is closed, so
+/// that one that prints on meets SIGPIPE; then its end is awaited.
 ///
 /// @retval 0                 the script reported success
 /// @retval 1                 arguments missing or too long, script missing or empty, a command that a shell
-/// would
-///                           read as more than words, no pipe, or no OK line before the output ended or fell
-///                           silent for 600 seconds
+///                           would read as more than words, no pipe, or no OK line before the output ended or
+///                           fell silent for 600 seconds
 /// @retval kErrFormat        the command line is longer than 512 characters
 /// @retval kExeErrBackOpen, kExeErrBackRename  see ModifyBackPath
 [[nodiscard]] uint32_t ExeScriptFileCommon(const char* scriptPath, const char* fileArgument,

@@ -1,7 +1,6 @@
 #include "update/scritp_execuotr_comp.h"
 
 #include <securec.h>
-#include <string.h>
 
 #include "base/result_codes.h"
 #include "comp/comp_msg.h"
@@ -27,7 +26,6 @@ constexpr uint16_t kModule = kScriptExeCompId;
 constexpr uint32_t kInitStage = 2;
 constexpr uint32_t kAuthPeriodMs = 30000;
 constexpr size_t kPathSize = 256;
-constexpr char kMonitorScript[] = "monitor_update.sh";
 
 /// The request that waits for its authorisation.
 struct PendingRequest {
@@ -165,9 +163,7 @@ uint32_t ExtractScript(const ScriptRun& run, char (&innerFile)[kPathSize], const
   keep = true;
   uint32_t ret = GetInnerScript(run.scriptPath, run.updateFile, innerFile, sizeof(innerFile));
   if (ret != 0) return ret;
-  const char* slash = strrchr(run.scriptPath, '/');
-  const char* name = slash != nullptr ? slash + 1 : run.scriptPath;
-  if (strncmp(name, kMonitorScript, sizeof(kMonitorScript) - 1) != 0) fileArgument = innerFile;
+  if (!IsBankScript(run.scriptPath)) fileArgument = innerFile;
   if (!run.checkFeatureId) return kSuccess;
   ret = CheckFeatureIdFromFile(run.scriptPath, run.featureId);
   if (ret != 0) {
