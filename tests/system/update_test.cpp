@@ -23,6 +23,23 @@ class UpdateTest : public BoardTest {
   std::string GoodPackage(const std::string& name) const {
     return material_.MakePackage(name, kOkScript, "signer", WithCrl());
   }
+
+  /// Delivers a signed package made by shell commands: they find the script's file and one "x", and make
+  /// ../update.tar.gz.
+  std::vector<std::string> DeliverArchive(const std::string& name, const std::string& commands,
+                                          const std::string& script = "update.sh",
+                                          const std::string& scriptText = kOkScript) const {
+    const support::TempDir dir;
+    dir.Write("in/" + script, scriptText);
+    dir.Write("in/x", "escaped");
+    const auto made =
+        support::RunCommand({"sh", "-c", "cd " + dir.File("in") + " && " + commands + " && rm -rf ../in"});
+    EXPECT_EQ(made.status, 0) << name << ": " << made.output;
+    material_.Sign(dir.path());
+    auto options = Deliver(dir.path(), name);
+    options.insert(options.end(), {"--script", "/mnt/update/" + name + "/" + script});
+    return options;
+  }
 };
 
 void FlipByte(const std::string& file, size_t at) {
@@ -53,6 +70,10 @@ TEST_F(UpdateTest, RequestStartsTheDaemonAndRunsTheScriptOfTheVerifiedPackage) {
   EXPECT_THAT(log, HasSubstr("**buffer OK done"));
   EXPECT_EQ(board_.Shell("stat -c %a:%U:%G " + std::string(kStoredCrl)).output, "600:prorunacc:quorin\n")
       << "the list of the first update is stored, for the platform's account alone";
+
+  board_.Shell("rm /mnt/payload.seen");
+  EXPECT_EQ(board_.Request(options).result, 50994) << "the script that lies there now is in no signed list";
+  EXPECT_FALSE(board_.Exists("/mnt/payload.seen"));
 }
 
 /// What is done to a good package before it is asked for, and what must come of it.
@@ -164,21 +185,21 @@ TEST_F(UpdateTest, ScriptAndRequestFaultsHaveTheirCodes) {
     return board_.Request(options).result;
   };
   EXPECT_EQ(ask("silent", "#!/bin/sh\nexit 0\n"), 1) << "success is a line, not an exit status";
-  EXPECT_EQ(ask("late", "#!/bin/sh\necho all OK\n"), 1) << "OK counts at the start of a line only";
-  EXPECT_EQ(ask("failing", "#!/bin/sh\necho ok so far\nexit 7\n"), 0) << "the exit status never counts";
   EXPECT_EQ(ask("feature", kOkScript, {"--feature-id", "4"}), 37);
   EXPECT_EQ(ask("feature3", kOkScript, {"--feature-id", "3"}), 0);
   EXPECT_EQ(ask("nopackage", kOkScript, {"--package", ""}), 9476);
   EXPECT_EQ(ask("nolist", kOkScript, {"--list", ""}), 9476);
 
-  EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 1)
-      << "without a signature an authorisation is asked for, and the question cannot be sent";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 1)
+        << "without a signature an authorisation is asked for, and the question cannot be sent";
+  }
 }
 
 TEST_F(UpdateTest, OddMembersOfASignedPackageWriteNothingOutsideItsDirectory) {
   struct Row {
     const char* name;
-    const char* tar;  ///< makes ../update.tar.gz from update.sh, payload.bin and x
+    const char* commands;
   };
   constexpr Row kRows[] = {
       {"climbing", "tar -czPf ../update.tar.gz --transform 's,^x$,../../../mnt/escaped,' update.sh x"},
@@ -186,25 +207,39 @@ TEST_F(UpdateTest, OddMembersOfASignedPackageWriteNothingOutsideItsDirectory) {
       {"link",
        "ln -s /mnt l && tar -cPf ../u.tar l && rm l && mkdir l && mv x l/escaped && "
        "tar -rPf ../u.tar l/escaped update.sh && gzip -c ../u.tar >../update.tar.gz && rm ../u.tar"},
-      {"blank", "mv x 'a b' && tar -czf ../update.tar.gz update.sh 'a b'"},
       {"shell", "mv x 'a;touch escaped' && tar -czf ../update.tar.gz update.sh 'a;touch escaped'"},
+      {"node", "mknod n c 1 3 && tar -czPf ../update.tar.gz --transform 's,^n$,/mnt/escaped,' update.sh n"},
   };
+  const support::TempDir scratch;
+  const bool makesNodes = support::RunCommand({"mknod", scratch.File("n"), "c", "1", "3"}).status == 0;
   board_.StartDaemon();
   board_.StartMain();
   for (const Row& row : kRows) {
-    const support::TempDir dir;
-    dir.Write("in/update.sh", kOkScript);
-    dir.Write("in/x", "escaped");
-    const auto tar =
-        support::RunCommand({"sh", "-c", "cd " + dir.File("in") + " && " + row.tar + " && rm -rf ../in"});
-    ASSERT_EQ(tar.status, 0) << row.name << ": " << tar.output;
-    material_.Sign(dir.path());
-    const Answer answer = board_.Request(Deliver(dir.path(), row.name));
+    if (row.name == std::string("node") && !makesNodes) continue;
+    const Answer answer = board_.Request(DeliverArchive(row.name, row.commands));
     EXPECT_NE(answer.result, 50994) << row.name << ": the case did not get past the digests";
     EXPECT_FALSE(board_.Exists("/mnt/escaped")) << row.name << ": a member was written outside";
     EXPECT_FALSE(board_.Exists("/tmp/escaped")) << row.name << ": a member's name became a command";
   }
   EXPECT_EQ(board_.Request(Deliver(GoodPackage("good"), "good")).result, 0);
+}
+
+TEST_F(UpdateTest, BankScriptGetsThePackageAndTheSwitchOfTheBootBankIsItsResult) {
+  board_.StartDaemon();
+  board_.StartMain();
+  const auto ask = [&](const char* name) {
+    return board_
+        .Request(DeliverArchive(name, "tar -czf ../update.tar.gz monitor_update.sh x", "monitor_update.sh",
+                                "#!/bin/sh\nprintf '%s\\n' \"$*\" >/mnt/called.with\nexit 1\n"))
+        .result;
+  };
+  board_.Shell("printf 'app=/app_run/app_bin0/app\nold /app_bin1\n' >/mnt/log/update/config.kp");
+  EXPECT_EQ(ask("bank"), 0) << board_.RunLog();
+  EXPECT_EQ(board_.Read("/mnt/called.with"), "/mnt/update/bank/update.tar.gz\n");
+  EXPECT_EQ(board_.Read("/mnt/log/update/config.kp"), "app=/app_run/app_bin1/app\nold /app_bin0\n");
+  EXPECT_EQ(board_.Shell("ls /mnt/log/update").output, "config.kp\n");
+  board_.Shell("rm /mnt/log/update/config.kp");
+  EXPECT_EQ(ask("bankless"), 9499) << "no configuration to switch";
 }
 
 TEST_F(UpdateTest, ScriptRunsUnderItsCpuLimit) {

@@ -15,9 +15,8 @@ class InnerScriptTest : public update_test::UpdateTest {
   InnerScriptTest() { std::filesystem::create_directories(dir_.File("pkg")); }
 
   /// Makes pkg/`package` of the named files of dir_/material.
-  void Pack(const std::string& package, const std::string& names, const std::string& options = "") const {
-    Shell("cd " + dir_.File("material") + " && tar " + options + " -czf " + dir_.File("pkg/" + package) +
-          " " + names + " 2>/dev/null");
+  void Pack(const std::string& package, const std::string& names) const {
+    Shell("tar -C " + dir_.File("material") + " -czf " + dir_.File("pkg/" + package) + " " + names);
   }
   uint32_t Extract(const std::string& package, const std::string& script) {
     inner_[0] = '\0';
@@ -79,29 +78,6 @@ TEST_F(InnerScriptTest, PackagesThatTarOrAShellWouldMisreadAreRefused) {
   char inner[256] = {};
   EXPECT_EQ(GetInnerShFile(dir_.path().c_str(), "-", "run.sh", inner, sizeof(inner)), 1u)
       << "tar reads its standard input";
-}
-
-TEST_F(InnerScriptTest, NothingIsWrittenOutsideThePackagesDirectory) {
-  Script("material/run.sh", "echo OK");
-  dir_.Write("material/in/escape.txt", "bad");
-  dir_.Write("outside/keep.txt", "good");
-  const std::string outside = dir_.File("outside");
-  // Climbing and absolute names, and a link that the names behind it lead through.
-  Pack("climb.tar.gz", "run.sh in/escape.txt", "-P --transform 's,^in/,../outside/,'");
-  Pack("absolute.tar.gz", "run.sh in/escape.txt", "-P --transform 's,^in/," + outside + "/,'");
-  Shell("ln -s " + outside + " " + dir_.File("material/door"));
-  Pack("link.tar.gz", "run.sh door");
-  Shell("cd " + dir_.path() +
-        " && mkdir -p more/door && cp material/in/escape.txt more/door/ && gunzip pkg/link.tar.gz" +
-        " && tar -rf pkg/link.tar -C more door/escape.txt && gzip pkg/link.tar");
-  for (const char* package : {"climb.tar.gz", "absolute.tar.gz", "link.tar.gz"}) {
-    std::filesystem::remove(dir_.File("pkg/run.sh"));
-    (void)Extract(package, "run.sh");
-    EXPECT_GE(Logged("exec tar"), 1u) << package << " was not even unpacked";
-    log_.Clear();
-    EXPECT_FALSE(Exists("outside/escape.txt")) << package << " wrote outside its directory";
-    EXPECT_EQ(ReadFile(outside + "/keep.txt"), "good") << package;
-  }
 }
 
 }  // namespace
