@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 
 #include <functional>
 #include <map>
@@ -99,10 +100,12 @@ class CmsTest : public testing::Test {
   template <class T>
   Verdict Check(const T& inputOrRequest) {
     const uint32_t result = Verify(inputOrRequest);
-    unsigned code = 0;
+    constexpr std::string_view kMarker = "verify signature error ";
+    uint32_t code = 0;
     for (const std::string& line : g_lines) {
-      const size_t at = line.find("verify signature error ");
-      if (at != line.npos) (void)sscanf(line.c_str() + at, "verify signature error %x", &code);
+      const size_t at = line.find(kMarker);
+      if (at != line.npos)
+        code = static_cast<uint32_t>(strtoul(line.c_str() + at + kMarker.size(), nullptr, 16));
     }
     return {result, code};
   }

@@ -192,7 +192,7 @@ Identity MakeIntermediate(const Identity& issuer, CertSpec spec) {
   return Issue(spec, &issuer);
 }
 
-Identity MakeSigner(const Identity& issuer, CertSpec spec) {
+Identity MakeSigner(const Identity& issuer, const CertSpec& spec) {
   return Issue(spec, &issuer);
 }
 

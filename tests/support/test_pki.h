@@ -60,8 +60,8 @@ Identity MakeRoot(CertSpec spec = {});
 /// A CA certificate issued by `issuer`.
 Identity MakeIntermediate(const Identity& issuer, CertSpec spec = {});
 /// A certificate for signing updates issued by `issuer`.
-Identity MakeSigner(const Identity& issuer, CertSpec spec = {});
-/// Issues `spec` for the key of `subject`, so that one key has two certificates.
+Identity MakeSigner(const Identity& issuer, const CertSpec& spec = {});
+/// Issues `spec` for a key that is there already, so that one key has two certificates.
 Identity MakeCertForKey(const Identity& issuer, const CertSpec& spec, const std::shared_ptr<EVP_PKEY>& key);
 
 struct CrlSpec {
