@@ -48,13 +48,22 @@ bool IsAllowedPeer(int connection) {
          IsAllowedUser(peer.uid);
 }
 
-// Lets the other user in where root made `file` of `dir` ("": the directory itself); root needs no right to
+// Gives what root made, known by an O_PATH or directory descriptor, to the other user; root needs no right to
 // it. Where that user is not mapped he cannot be a peer either, so a refusal is no failure.
-void HandToPeerUser(int dir, const char* file) {
+void GiveToPeerUser(int made) {
   const uid_t user = PeerUser();
   if (geteuid() != 0 || user == kNoUser) return;
-  const int given = fchownat(dir, file, user, static_cast<gid_t>(-1), AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH);
+  const int given = fchownat(made, "", user, static_cast<gid_t>(-1), AT_EMPTY_PATH);
   (void)given;
+}
+
+// The same for the socket `file` of `dir`. In a directory of that user the name may lead to anything by now:
+// only a socket without a second name is given away.
+void GiveSocketToPeerUser(int dir, const char* file) {
+  const base::UniqueFd made(openat(dir, file, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (!made || fstat(made.get(), &status) != 0 || !S_ISSOCK(status.st_mode) || status.st_nlink != 1) return;
+  GiveToPeerUser(made.get());
 }
 
 uint32_t Complain(const char* path, const char* reason) {
@@ -67,7 +76,7 @@ uint32_t OpenDir(bool make, char (&path)[kCfgTextSize], base::UniqueFd& dir) {
   const bool made = make && mkdir(path, 0700) == 0;
   dir.reset(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!dir) return errno == ENOENT && !make ? kDmsErrNoPeer : Complain(path, strerrordesc_np(errno));
-  if (made) HandToPeerUser(dir.get(), "");
+  if (made) GiveToPeerUser(dir.get());
   struct stat status {};
   if (fstat(dir.get(), &status) != 0) return Complain(path, strerrordesc_np(errno));
   if (!IsAllowedUser(status.st_uid))
@@ -140,7 +149,7 @@ uint32_t SocketBind(const ProcAddr& own, base::UniqueFd& listener) {
       bind(made.get(), name.Sockaddr(), sizeof(name.address)) != 0 || listen(made.get(), kBacklog) != 0) {
     return Complain(name.file, strerrordesc_np(errno));
   }
-  HandToPeerUser(dir.get(), name.file);
+  GiveSocketToPeerUser(dir.get(), name.file);
   listener = std::move(made);
   return 0;
 }

@@ -3,6 +3,10 @@
 /// A process's socket is "<IPv4 text>_<process id>", mode 0600, in the directory of the key dms.dir. Nobody
 /// is trusted for a name alone: the directory must not be writable by group or others, and directory owner
 /// and peer must be root, this process's own user or the user of the key dms.peer_user.
+///
+/// Whoever owns the directory can put another socket in place of any in it. Without that key it is the user
+/// who runs the process; with it, a directory that root makes is given to the named user, who is then trusted
+/// to ask for updates and to answer for them.
 #pragma once
 
 #include "base/owners.h"

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "base/owners.h"
-#include "boundscheck/securec.h"
+#include "securec.h"
 #include "velto/kel_cfg_table.h"
 
 namespace velto {
@@ -24,23 +24,14 @@ namespace {
 using std::string_view;
 
 constexpr CfgKey kKeys[] = {
-    {"task.stack_bytes", CfgKind::kNumber, 65536, 16777216, 262144, nullptr, nullptr,
-     "stack of a task that asks for no size of its own, in bytes"},
-    {"mem.budget_bytes", CfgKind::kNumber, 65536, 0xFFFFFFFF, 268435456, nullptr, nullptr,
-     "tagged memory that the process may hold at a time, in bytes"},
-    {"dms.dir", CfgKind::kText, 1, 64, 0, "/run/velto", "/",
-     "directory of the sockets over which processes exchange component messages"},
-    {"dms.message_bytes", CfgKind::kNumber, 1024, 16777216, 1048576, nullptr, nullptr,
-     "longest component message between processes, in bytes"},
-    {"dms.answer_ms", CfgKind::kNumber, 100, 60000, 5000, nullptr, nullptr,
-     "how long a sender waits for the other process to take its message, in milliseconds"},
-    {"dms.peer_user", CfgKind::kText, 0, 32, 0, "prorunacc", "",
-     "user whose processes may exchange messages with this one, beside its own and root's; empty for none"},
-    {"feature.signature_enable", CfgKind::kNumber, 0, 0xFFFFFFFF, 0x00020001, nullptr, nullptr,
-     "enable word of the package signature check"},
-    {"feature.expired_crl", CfgKind::kChoice, 0, 0, 0, "refuse", "refuse|enforce",
-     "an expired revocation list makes the check fail (refuse), or is used with a line in the run log "
-     "(enforce)"},
+    {"task.stack_bytes", CfgKind::kNumber, 65536, 16777216, 262144, nullptr, nullptr},
+    {"mem.budget_bytes", CfgKind::kNumber, 65536, 0xFFFFFFFF, 268435456, nullptr, nullptr},
+    {"dms.dir", CfgKind::kText, 1, 64, 0, "/run/velto", "/"},
+    {"dms.message_bytes", CfgKind::kNumber, 1024, 16777216, 1048576, nullptr, nullptr},
+    {"dms.answer_ms", CfgKind::kNumber, 100, 60000, 5000, nullptr, nullptr},
+    {"dms.peer_user", CfgKind::kText, 0, 32, 0, "", ""},
+    {"feature.signature_enable", CfgKind::kNumber, 0, 0xFFFFFFFF, 0x00020001, nullptr, nullptr},
+    {"feature.expired_crl", CfgKind::kChoice, 0, 0, 0, "refuse", "refuse|enforce"},
 };
 static_assert(std::size(kKeys) == kCfgKeyCount);
 

