@@ -53,8 +53,7 @@ void RunCallback(Timer& timer, uint64_t now, std::unique_lock<std::mutex>& lock)
   const KelTimerCallback callback = timer.callback;
   const uintptr_t arg = timer.arg;
   const uint32_t serial = timer.serial;
-  timer.dueNs += timer.intervalNs;
-  if (timer.dueNs <= now) timer.dueNs = now + timer.intervalNs;
+  timer.dueNs += ((now - timer.dueNs) / timer.intervalNs + 1) * timer.intervalNs;  // the next beat after now
   gRunning = static_cast<uint32_t>(&timer - gTimers) + 1;
   lock.unlock();
   callback(arg);

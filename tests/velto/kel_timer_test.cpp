@@ -39,7 +39,7 @@ class KelTimerTest : public testing::Test {
     ASSERT_EQ(fence.Start(1, kKelTimerOnce), 0u);
     KEL_ClockAdvanceMs(1);
     ASSERT_TRUE(Eventually([&] { return fence.calls == 1; }));
-    EXPECT_TRUE(KEL_ReltmrStop(fence.timer) == kKelErrSyncId || fence.calls == 1);
+    (void)KEL_ReltmrStop(fence.timer);  // waits for the end of its call, where that still runs
   }
 
   ClockModeScope manual_{kKelClockManual};
@@ -57,14 +57,17 @@ TEST_F(KelTimerTest, OnceIsOnceAndRepeatKeepsItsRhythm) {
   Advance(30);  // 101
   EXPECT_EQ(repeat.calls, 2u) << "the late first call shifted the rhythm";
   EXPECT_EQ(once.calls, 1u);
-  Advance(1000);
-  EXPECT_EQ(once.calls, 1u);
+  KEL_ClockAdvanceMs(1009);
+  Advance(8);  // 1119, where the call for 1100 was made at 1110 or later
   EXPECT_EQ(repeat.calls, 3u) << "missed expiries are made up for by one call";
+  Advance(31);  // 1151
+  EXPECT_EQ(repeat.calls, 4u) << "the missed expiries shifted the rhythm";
+  EXPECT_EQ(once.calls, 1u);
   EXPECT_EQ(KEL_ReltmrStop(once.timer), kKelErrSyncId);
   EXPECT_EQ(KEL_ReltmrStop(repeat.timer), 0u);
   EXPECT_EQ(KEL_ReltmrStop(repeat.timer), kKelErrSyncId);
   Advance(1000);
-  EXPECT_EQ(repeat.calls, 3u) << "a stopped timer was called";
+  EXPECT_EQ(repeat.calls, 4u) << "a stopped timer was called";
 }
 
 TEST_F(KelTimerTest, StopReturnsOnlyWhenNoCallbackRuns) {
@@ -86,32 +89,6 @@ TEST_F(KelTimerTest, StopReturnsOnlyWhenNoCallbackRuns) {
   EXPECT_EQ(probe.calls, 1u);
 }
 
-TEST_F(KelTimerTest, ACallbackMayStopItselfAndStartAnother) {
-  static std::atomic<uint32_t> gFirstCalls;
-  static std::atomic<uint32_t> gFirst;
-  static Probe* gNext;
-  gFirstCalls = 0;
-  Probe next;
-  gNext = &next;
-  uint32_t first = 0;
-  ASSERT_EQ(KEL_ReltmrCbkStart(
-                10, kKelTimerRepeat,
-                [](uintptr_t) {
-                  ++gFirstCalls;
-                  EXPECT_EQ(KEL_ReltmrStop(gFirst), 0u);
-                  EXPECT_EQ(gNext->Start(10, kKelTimerRepeat), 0u);
-                },
-                0, &first),
-            0u);
-  gFirst = first;
-  Advance(10);
-  EXPECT_EQ(gFirstCalls, 1u);
-  Advance(30);
-  EXPECT_EQ(gFirstCalls, 1u) << "it stopped itself in vain";
-  EXPECT_GE(next.calls, 1u);
-  EXPECT_EQ(KEL_ReltmrStop(next.timer), 0u);
-}
-
 TEST_F(KelTimerTest, InAFullTableATimerMayGiveItsPlaceToAnotherFromItsOwnCallback) {
   struct Swap {
     Probe next;
@@ -119,13 +96,13 @@ TEST_F(KelTimerTest, InAFullTableATimerMayGiveItsPlaceToAnotherFromItsOwnCallbac
     std::atomic<bool> done{false};
     static void Call(uintptr_t arg) {
       auto& swap = *reinterpret_cast<Swap*>(arg);
-      EXPECT_EQ(KEL_ReltmrStop(swap.timer), 0u);
+      EXPECT_EQ(KEL_ReltmrStop(swap.timer), 0u) << "it stopped itself in vain";
       EXPECT_EQ(swap.next.Start(10, kKelTimerOnce), 0u) << "its own place is not free";
       swap.done = true;
     }
   } swap;
   uint32_t timer = 0;
-  ASSERT_EQ(KEL_ReltmrCbkStart(10, kKelTimerOnce, Swap::Call, reinterpret_cast<uintptr_t>(&swap), &timer),
+  ASSERT_EQ(KEL_ReltmrCbkStart(10, kKelTimerRepeat, Swap::Call, reinterpret_cast<uintptr_t>(&swap), &timer),
             0u);
   swap.timer = timer;
   std::vector<Probe> probes(200);
@@ -142,25 +119,19 @@ TEST_F(KelTimerTest, InAFullTableATimerMayGiveItsPlaceToAnotherFromItsOwnCallbac
   for (size_t i = 0; i < started; ++i) EXPECT_EQ(KEL_ReltmrStop(probes[i].timer), 0u);
 }
 
-TEST_F(KelTimerTest, WrongArgumentsStartNothing) {
-  Probe probe;
-  EXPECT_EQ(probe.Start(0, kKelTimerOnce), kKelErrSyncPara);
-  EXPECT_EQ(probe.Start(1, 2), kKelErrSyncPara);
-  EXPECT_EQ(KEL_ReltmrStop(0), kKelErrSyncId);
-}
-
-TEST_F(KelTimerTest, EachWakeAsksTheTickHookAndAddsWhatItSays) {
+// One wake may serve several moves of the time, so the time is moved until the hook was asked twice.
+TEST_F(KelTimerTest, WakesAskTheTickHookAndAddWhatItSays) {
   uint32_t high = 0;
   uint32_t before = 0;
+  uint32_t after = 0;
   ASSERT_EQ(KEL_UserTickGet(&high, &before), 0u);
   __atomic_store_n(
       &g_pfnUsrAdjustHook, +[]() -> uint32_t { return 7; }, __ATOMIC_RELEASE);
-  Advance(1);
-  Advance(1);
+  EXPECT_TRUE(Eventually([&] {
+    Advance(1);
+    return KEL_UserTickGet(&high, &after) == 0 && after - before >= 14;
+  })) << after - before;
   __atomic_store_n(&g_pfnUsrAdjustHook, nullptr, __ATOMIC_RELEASE);
-  uint32_t after = 0;
-  ASSERT_EQ(KEL_UserTickGet(&high, &after), 0u);
-  EXPECT_GE(after - before, 14u);
   EXPECT_EQ((after - before) % 7, 0u);
 }
 
