@@ -46,8 +46,6 @@ inline constexpr uint32_t kKelErrSyncHeld = 0x0309;    ///< an unlock of a lock 
 /// `*readSize` is the entry's size, or 0 when nothing was read.
 [[nodiscard]] uint32_t KEL_QueueAsyRead(uint32_t queueId, void* entry, uint32_t size, uint32_t* readSize);
 [[nodiscard]] uint32_t KEL_QueueMsgNumGet(uint32_t queueId, uint32_t* count);
-/// Changes how many entries may stand in the queue from now on; those that stand in it stay.
-[[nodiscard]] uint32_t KEL_QueueLengthSet(uint32_t queueId, uint32_t length);
 
 typedef void (*KelTimerCallback)(uintptr_t arg);
 inline constexpr uint32_t kKelTimerOnce = 0;

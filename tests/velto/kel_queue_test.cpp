@@ -29,21 +29,20 @@ struct Entry {
   bool operator==(const Entry&) const = default;
 };
 
-// Random writes, reads and changes of length on one queue, against a deque.
+// Random writes and reads on one queue, against a deque.
 void PlayAgainstModel(std::mt19937& random, uint32_t entrySize) {
-  uint32_t length = Below(random, 20) + 1;
+  const uint32_t length = Below(random, 20) + 1;
   uint32_t queue = 0;
   ASSERT_EQ(KEL_QueueCreate("model", length, entrySize, &queue), 0u);
   std::deque<Entry> model;
   for (uint32_t step = 0; step < 3000; ++step) {
-    const uint32_t choice = Below(random, 100);
-    if (choice < 50) {
+    if (Below(random, 2) == 0) {
       const Entry entry(step, entrySize);
       const bool fits = model.size() < length;
       ASSERT_EQ(KEL_QueueAsyWrite(queue, entry.bytes.data(), entrySize), fits ? 0u : kKelErrQueueFull)
           << "step " << step << ", " << model.size() << " of " << length << " entries";
       if (fits) model.push_back(entry);
-    } else if (choice < 98) {
+    } else {
       Entry entry(0, 0);
       uint32_t size = 99;
       const uint32_t result = KEL_QueueAsyRead(queue, entry.bytes.data(), entrySize, &size);
@@ -52,9 +51,6 @@ void PlayAgainstModel(std::mt19937& random, uint32_t entrySize) {
       if (model.empty()) continue;
       ASSERT_TRUE(entry == model.front()) << "order or bytes went wrong in step " << step;
       model.pop_front();
-    } else {
-      length = Below(random, 100) + 1;
-      ASSERT_EQ(KEL_QueueLengthSet(queue, length), 0u);
     }
     ASSERT_EQ(Count(queue), model.size()) << "step " << step;
   }
@@ -72,15 +68,12 @@ TEST(KelQueue, BehavesAsADequeOfBoundedLength) {
   }
 }
 
-TEST(KelQueue, WrongUseChangesNothing) {
+TEST(KelQueue, AnEntryOfAnotherSizeIsRefused) {
   uint32_t queue = 0;
-  EXPECT_EQ(KEL_QueueCreate("q", 0, 8, &queue), kKelErrSyncPara);
-  EXPECT_EQ(KEL_QueueCreate("q", 1, 65, &queue), kKelErrSyncPara);
   ASSERT_EQ(KEL_QueueCreate("q", 1, 8, &queue), 0u);
   uint64_t entry = 1;
   uint32_t size = 99;
   EXPECT_EQ(KEL_QueueAsyWrite(queue, &entry, 4), kKelErrQueueSize);
-  EXPECT_EQ(Count(queue), 0u);
   ASSERT_EQ(KEL_QueueAsyWrite(queue, &entry, 8), 0u);
   EXPECT_EQ(KEL_QueueAsyRead(queue, &entry, 4, &size), kKelErrQueueSize);
   EXPECT_EQ(size, 0u);
@@ -89,7 +82,7 @@ TEST(KelQueue, WrongUseChangesNothing) {
   EXPECT_EQ(KEL_QueueAsyWrite(queue, &entry, 8), kKelErrSyncId);
 }
 
-// Writers and readers on one small queue that grows meanwhile: every entry comes out once, each writer's in
+// Writers and readers on one small queue: every entry comes out once, each writer's in
 // order.
 TEST(KelQueue, ManyWritersAndReadersLoseAndDoubleNothing) {
   constexpr uint32_t kWriters = 3;
@@ -121,10 +114,6 @@ TEST(KelQueue, ManyWritersAndReadersLoseAndDoubleNothing) {
         --left;
       }
     });
-  }
-  for (const uint32_t length : {5u, 2u, 40u, 200u, 7u}) {
-    for (int i = 0; i < 500; ++i) std::this_thread::yield();
-    EXPECT_EQ(KEL_QueueLengthSet(queue, length), 0u);
   }
   for (std::thread& thread : threads) thread.join();
 
