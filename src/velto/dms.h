@@ -39,7 +39,8 @@ inline constexpr uint32_t kDmsReservedHeadSize = 16;
 /// The same under flow control: null too while the sender has `limit` messages of either kind under way in
 /// this process that nobody freed.
 [[nodiscard]] void* DMS_MsgFlowCtrlAlloc(uint32_t sendCid, uint32_t limit, uint32_t length);
-/// `cid` is who frees; any owner may. @retval kDmsErrPara `message` is null or no message
+/// `cid` is who frees; any owner may. @retval kDmsErrPara `message` is null or readable memory that is no
+/// message
 [[nodiscard]] uint32_t DMS_MsgFree(uint32_t cid, void* message);
 
 uint32_t DMS_MsgRecvIidGet(const void* message);  ///< message id

@@ -29,7 +29,8 @@ struct alignas(max_align_t) MsgHead {
   uint8_t reserved[kDmsReservedHeadSize];
 };
 
-/// The head of a live message, or null for anything else.
+/// The head of a message, or null for null and for memory that holds none. Reads what stands in front of the
+/// pointer, so memory that was given back must not be asked about.
 [[nodiscard]] MsgHead* MsgHeadOf(const void* message);
 inline void* MsgDataOf(MsgHead* head) {
   return head + 1;

@@ -16,6 +16,8 @@
 namespace velto {
 namespace {
 
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "a signal handler may read the clock");
+
 struct ClockSlot {
   std::atomic<uint64_t> monotonicBase{0};
   std::atomic<uint64_t> wallBase{0};

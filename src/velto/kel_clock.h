@@ -36,7 +36,8 @@ void KEL_ClockWallSetNs(uint64_t nanoseconds);
 /// @retval 0 always
 uint32_t KEL_GetCpuTick(uint32_t* high, uint32_t* low);
 
-/// Sets how many CPU ticks make one user tick, and the tick from which they are counted.
+/// Sets how many CPU ticks make one user tick, for whoever asks with KEL_CpuTickBaseGet. The tick from which
+/// they are counted is ignored: g_pfnUsrAdjustHook does the counting and remembers it.
 /// @retval 1 base is 0
 [[nodiscard]] uint32_t KEL_CpuTickBaseSet(uint32_t base, uint32_t tickHigh, uint32_t tickLow);
 /// @retval 1 no base is set, or `base` is null

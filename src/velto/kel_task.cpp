@@ -91,13 +91,12 @@ bool ClaimFree(TaskSlot& slot) {
 }
 
 /// Takes a slot for a task of this name and gives its id, or 0. It is in the phase starting.
-uint32_t Claim(const char* name, uint32_t priority) {
+uint32_t Claim(const char* name) {
   for (uint32_t i = 0; i < kKelTaskMax; ++i) {
     TaskSlot& slot = gTasks[i];
     if (!ClaimFree(slot)) continue;
     slot.events.store(0);
     slot.waiting.store(0);
-    slot.priority.store(priority);
     slot.threadId.store(0);
     std::array<uint64_t, std::size(TaskSlot{}.name)> words{};
     memcpy(words.data(), name, strlen(name));
@@ -211,12 +210,13 @@ uint32_t TaskCurrentId() {
 using velto::TaskPhaseOf;
 using velto::TaskSlot;
 
-uint32_t KEL_TaskCreate(const char* name, uint32_t* taskId, KelTaskEntry entry, uint32_t priority,
-                        uint32_t stackSize, uint32_t mode, const uintptr_t args[4]) {
+uint32_t KEL_TaskCreate(const char* name, uint32_t* taskId, KelTaskEntry entry,
+                        [[maybe_unused]] uint32_t priority, uint32_t stackSize, uint32_t mode,
+                        const uintptr_t args[4]) {
   if (!velto::NameFits(name) || taskId == nullptr || entry == nullptr || mode != 0) return kKelErrTaskPara;
   velto::Start start{};
   if (!start.signalStack.Map()) return kKelErrTaskThread;
-  start.id = velto::Claim(name, priority);
+  start.id = velto::Claim(name);
   if (start.id == 0) return kKelErrTaskFull;
   start.entry = entry;
   if (args != nullptr) memcpy(start.args, args, sizeof(start.args));
@@ -259,7 +259,7 @@ uint32_t KEL_TaskAdopt(const char* name, uint32_t* taskId) {
   if (velto::tCurrentId == 0) {
     velto::AdoptedTask& adopted = velto::tAdopted;
     if (!adopted.signalStack.Map()) return kKelErrTaskThread;
-    const uint32_t id = velto::Claim(name, 0);
+    const uint32_t id = velto::Claim(name);
     if (id == 0) return kKelErrTaskFull;
     adopted.signalStack.Enter();
     adopted.id = id;

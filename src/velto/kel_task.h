@@ -1,8 +1,8 @@
 /// Tasks: threads with a name, a small id and a 32-bit sticky event word.
 ///
 /// Ids are indexes from 1 into a fixed table; a slot is used again only after its task ended. Priorities are
-/// kept and shown, the scheduler is the kernel's. Look-ups (name, kernel thread, validity, highest id) take
-/// no lock and are async-signal-safe.
+/// the callers' wish and without effect: the kernel schedules all tasks alike. Look-ups (name, kernel thread,
+/// validity, highest id) take no lock and are async-signal-safe.
 #pragma once
 
 #include <pthread.h>
@@ -43,7 +43,6 @@ typedef void (*KelTaskEntry)(uintptr_t arg0, uintptr_t arg1, uintptr_t arg2, uin
 void KEL_TaskDelay(uint32_t milliseconds);
 
 [[nodiscard]] uint32_t KEL_TaskNameGet(uint32_t taskId, char* buffer, uint32_t size);
-[[nodiscard]] uint32_t KEL_TaskPriorityGet(uint32_t taskId, uint32_t* priority);
 /// Kernel thread id (gettid(2)).
 [[nodiscard]] uint32_t KEL_TaskThreadIdGet(uint32_t taskId, int32_t* threadId);
 [[nodiscard]] uint32_t KEL_TaskPthreadGet(uint32_t taskId, pthread_t* thread);

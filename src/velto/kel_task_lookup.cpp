@@ -95,12 +95,6 @@ uint32_t KEL_TaskNameGet(uint32_t taskId, char* buffer, uint32_t size) {
   return 0;
 }
 
-uint32_t KEL_TaskPriorityGet(uint32_t taskId, uint32_t* priority) {
-  if (priority == nullptr) return kKelErrTaskPara;
-  const bool found = ReadRunning(taskId, [=](const TaskSlot& slot) { *priority = slot.priority.load(); });
-  return found ? 0 : kKelErrTaskId;
-}
-
 uint32_t KEL_TaskThreadIdGet(uint32_t taskId, int32_t* threadId) {
   if (threadId == nullptr) return kKelErrTaskPara;
   const bool found = ReadRunning(taskId, [=](const TaskSlot& slot) { *threadId = slot.threadId.load(); });

@@ -27,11 +27,13 @@ struct TaskSlot {
   std::atomic<uint32_t> state;    ///< also the word on which starters and enders are awaited
   std::atomic<uint32_t> events;   ///< sticky bits that nobody read yet
   std::atomic<uint32_t> waiting;  ///< the bits for which the task sleeps, or 0; also the word it sleeps on
-  std::atomic<uint32_t> priority;
   std::atomic<int32_t> threadId;
   std::atomic<pthread_t> thread;
   std::atomic<uint64_t> name[kKelTaskNameSize / sizeof(uint64_t)];
 };
+
+static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<pthread_t>::is_always_lock_free,
+              "a signal handler may look tasks up");
 
 /// The slot of `taskId` in any phase; null when the id is out of the table.
 [[nodiscard]] TaskSlot* TaskSlotOf(uint32_t taskId);

@@ -40,9 +40,6 @@ TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
   EXPECT_EQ(NameOf(id), longest);
   char small[4];
   EXPECT_EQ(KEL_TaskNameGet(id, small, sizeof(small)), kKelErrTaskPara) << "a name was cut";
-  uint32_t priority = 0;
-  EXPECT_EQ(KEL_TaskPriorityGet(id, &priority), 0u);
-  EXPECT_EQ(priority, 20u);
   int32_t found = 0;
   EXPECT_EQ(KEL_TaskThreadIdGet(id, &found), 0u);
   EXPECT_EQ(KEL_TaskWait(id, 0), kKelErrTimeout);
@@ -56,17 +53,6 @@ TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
   EXPECT_EQ(KEL_EventWrite(id, 1), kKelErrTaskId) << "an event for an ended task was taken";
   EXPECT_EQ(KEL_TaskWait(id, 0), kKelErrTaskId);
   EXPECT_EQ(KEL_SemaDelete(gate), 0u);
-}
-
-TEST(KelTask, WrongArgumentsStartNothing) {
-  const auto entry = [](uintptr_t, uintptr_t, uintptr_t, uintptr_t) { FAIL() << "it ran"; };
-  uint32_t id = 0;
-  EXPECT_EQ(KEL_TaskCreate(std::string(32, 'n').c_str(), &id, entry, 1, 0, 0, nullptr), kKelErrTaskPara);
-  EXPECT_EQ(KEL_TaskCreate(nullptr, &id, entry, 1, 0, 0, nullptr), kKelErrTaskPara);
-  EXPECT_EQ(KEL_TaskCreate("task", &id, nullptr, 1, 0, 0, nullptr), kKelErrTaskPara);
-  EXPECT_EQ(KEL_TaskCreate("task", nullptr, entry, 1, 0, 0, nullptr), kKelErrTaskPara);
-  EXPECT_EQ(KEL_TaskCreate("task", &id, entry, 1, 0, 1, nullptr), kKelErrTaskPara);
-  EXPECT_EQ(id, 0u);
 }
 
 TEST(KelTask, TheTableFillsAndEmptiesAgain) {
