@@ -1,7 +1,6 @@
 #include "velto/kel_clock.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,10 +12,6 @@ namespace {
 
 constexpr uint64_t kMs = 1'000'000;
 constexpr uint32_t kTenMinutes = 600'000;
-
-double RealSecondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 TEST(KelClock, ManualTimeStandsUntilItIsMovedAndGoesOnFromThereInRealMode) {
   const uint64_t before = KEL_ClockMonotonicNs();
@@ -44,22 +39,18 @@ TEST(KelClock, ManualTimeStandsUntilItIsMovedAndGoesOnFromThereInRealMode) {
 
 TEST(KelClock, AutoAdvanceMakesDelaysMoveTheTimeAndReturn) {
   const ClockModeScope automatic(kKelClockAutoAdvance);
-  const auto start = std::chrono::steady_clock::now();
   const uint64_t before = KEL_ClockMonotonicNs();
-  for (int i = 0; i < 100; ++i) KEL_TaskDelay(30'000);
+  for (int i = 0; i < 100; ++i) KEL_TaskDelay(30'000);  // 50 minutes, where a delay sleeps
   EXPECT_EQ(KEL_ClockMonotonicNs() - before, 3'000'000 * kMs);
-  EXPECT_LT(RealSecondsSince(start), 20.0) << "a delay slept";
 }
 
 // The wait begins on the machine's clock: only a switch that reaches it lets the moved time end it.
 TEST(KelClock, AWaitOfTenMinutesAdaptsToTheSwitchAndEndsWhenTheTimeHasBeenMoved) {
   uint32_t sema = 0;
   ASSERT_EQ(KEL_SemaCreate("ten minutes", 0, 0, &sema), 0u);
-  const auto start = std::chrono::steady_clock::now();
-  std::atomic<uint32_t> result{1};
   std::atomic<bool> done{false};
   TestTask waiter("waiter", [&] {
-    result = KEL_SemaP(sema, kTenMinutes);
+    EXPECT_EQ(KEL_SemaP(sema, kTenMinutes), kKelErrTimeout);
     done = true;
   });
   const ClockModeScope manual(kKelClockManual);
@@ -69,8 +60,6 @@ TEST(KelClock, AWaitOfTenMinutesAdaptsToTheSwitchAndEndsWhenTheTimeHasBeenMoved)
     KEL_ClockAdvanceMs(kTenMinutes);  // again and again: the task may not wait yet
     return done.load();
   }));
-  EXPECT_EQ(result, kKelErrTimeout);
-  EXPECT_LT(RealSecondsSince(start), 30.0);
   waiter.Join();
   EXPECT_EQ(KEL_SemaDelete(sema), 0u);
 }
@@ -79,18 +68,14 @@ TEST(KelClock, AWaitThatBeganOnTheManualClockEndsByTheRealOne) {
   std::atomic<bool> done{false};
   KEL_ClockModeSet(kKelClockManual);
   TestTask sleeper("sleeper", [&] {
-    KEL_TaskDelay(5);
+    const auto start = std::chrono::steady_clock::now();
+    KEL_TaskDelay(15);
     done = true;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15)) << "woke too early";
   });
   EXPECT_FALSE(done) << "manual time ran";
   KEL_ClockModeSet(kKelClockReal);
   EXPECT_TRUE(Eventually([&] { return done.load(); })) << "the sleeper still waits for manual time";
-}
-
-TEST(KelClock, RealDelayLastsAtLeastItsTime) {
-  const auto start = std::chrono::steady_clock::now();
-  KEL_TaskDelay(15);
-  EXPECT_GE(RealSecondsSince(start), 0.015);
 }
 
 TEST(KelTick, ArithmeticOnHalvesCarriesBorrowsAndRefusesWhatDoesNotFit) {
