@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "log/log_test_support.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -35,16 +36,6 @@ using testing::StartsWith;
 namespace fs = std::filesystem;
 
 constexpr char kCaller[] = "caller.cpp";
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-mode_t ModeOf(const std::string& path) {
-  struct stat state = {};
-  return lstat(path.c_str(), &state) == 0 ? state.st_mode & 07777 : 0;
-}
 
 /// Runs `body` in a process of its own, for what cannot be undone; gives its result, -1 when it crashed.
 int InOwnProcess(const std::function<int()>& body) {
@@ -261,7 +252,7 @@ TEST_F(CommandTest, PlatformScriptRunsByItsBareNameThroughSudo) {
               return static_cast<int>(TOLA_SystemSudoWithoutParam("lo_up.sh"));
             }),
             0);
-  EXPECT_EQ(ReadFile(out), "/app_run/app_bin/script/lo_up.sh\n") << "who is not root needs sudo";
+  EXPECT_EQ(ReadAll(out), "/app_run/app_bin/script/lo_up.sh\n") << "who is not root needs sudo";
 }
 
 class FileServiceTest : public CommandTest {};
@@ -294,12 +285,12 @@ TEST_F(FileServiceTest, CopyAppearsWholeOrNotAtAll) {
   fs::create_symlink(target, copy);
 
   EXPECT_EQ(TOLA_CopyFile(9, source.c_str(), copy.c_str()), 0u);
-  EXPECT_EQ(ReadFile(target), "untouched") << "the copy went through the link";
+  EXPECT_EQ(ReadAll(target), "untouched") << "the copy went through the link";
   EXPECT_FALSE(fs::is_symlink(copy));
   EXPECT_EQ(ModeOf(copy), 0600u);
-  EXPECT_EQ(ReadFile(copy), content);
+  EXPECT_EQ(ReadAll(copy), content);
   EXPECT_EQ(TolaBackupFile(copy.c_str(), copy.c_str()), 0u);
-  EXPECT_EQ(ReadFile(copy), content) << "a copy onto itself emptied the file";
+  EXPECT_EQ(ReadAll(copy), content) << "a copy onto itself emptied the file";
   EXPECT_THAT(log_.Lines(), IsEmpty());
 
   const std::string pipe = dir_.File("pipe");
@@ -310,7 +301,7 @@ TEST_F(FileServiceTest, CopyAppearsWholeOrNotAtAll) {
     EXPECT_EQ(log_.Lines().size(), 1u);
     EXPECT_EQ(TolaBackupFile(bad.c_str(), copy.c_str()), 1u);
     EXPECT_EQ(log_.Lines().size(), 1u) << "the run log calls this one";
-    EXPECT_EQ(ReadFile(copy), content) << "what stood there was lost";
+    EXPECT_EQ(ReadAll(copy), content) << "what stood there was lost";
   }
   fs::create_directory(dir_.File("folder"));
   EXPECT_EQ(TOLA_CopyFile(9, source.c_str(), dir_.File("folder").c_str()), 1u);

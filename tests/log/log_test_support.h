@@ -1,8 +1,9 @@
-/// What the run log's tests share: a clock that stands still, files as text, and a process of its own.
+/// What this room's tests share: a clock that stands still, files as text, and a process of its own.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <fstream>
@@ -30,6 +31,12 @@ class StandingClock {
 inline std::string ReadAll(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Permission bits of `path` itself, 0 when nothing is there.
+inline mode_t ModeOf(const std::string& path) {
+  struct stat info = {};
+  return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 /// Runs `body` in a process that has not touched the log yet: some of its settings are made once for all.

@@ -14,8 +14,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr uint16_t kModule = 7;
-
 class RunLogRepeatTest : public testing::Test {
  protected:
   RunLogRepeatTest() { Switch(true); }
@@ -25,46 +23,38 @@ class RunLogRepeatTest : public testing::Test {
     const uint8_t flag = isOn ? 1 : 0;
     ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, &flag), 0u);
   }
-  static void Log(const std::string& text, uint32_t line = 1, uint16_t module = kModule) {
-    TOLA_LogPrint(module, kLogErr, "a.cpp", line, "%s", text.c_str());
-  }
+  static void Log(const std::string& text) { TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "%s", text.c_str()); }
 
   const StandingClock clock;
   support::LogCapture log;
 };
 
 TEST_F(RunLogRepeatTest, RepeatIsCountedUntilItsTimeIsOver) {
-  Log("same");
+  const auto same = [] { TOLA_LogPrint(4200, kLogEvt, "some.cpp", 77, "same"); };
+  same();
   StandingClock::MoveSeconds(100);
-  for (int i = 0; i < 17; ++i) Log("same");
-  Log("same", 2);
-  Log("same", 1, 8);
-  TOLA_LogPrint(kModule, kLogErr, "b.cpp", 1, "same");
+  for (int i = 0; i < 17; ++i) same();
+  TOLA_LogPrint(4200, kLogEvt, "some.cpp", 78, "same");
+  TOLA_LogPrint(4201, kLogEvt, "some.cpp", 77, "same");
+  TOLA_LogPrint(4200, kLogEvt, "other.cpp", 77, "same");
   EXPECT_THAT(log.Lines(), ElementsAre("same", "same", "same", "same"))
       << "line, module and file make another record";
   log.Clear();
   StandingClock::MoveSeconds(199);
-  Log("same");
+  same();
   EXPECT_THAT(log.Lines(), IsEmpty()) << "299 s are within the time";
   StandingClock::MoveSeconds(1);
-  Log("other");
-  EXPECT_THAT(log.Lines(), ElementsAre("T Cnt:0x12,same 2024-03-05 14:02:07", "other"))
-      << "only the record that came again is summed up, without the first one";
-  log.Clear();
-  Log("same");
-  Log("same");
-  EXPECT_THAT(log.Lines(), ElementsAre("same")) << "its time over, it is new again, and folded again";
-}
-
-TEST_F(RunLogRepeatTest, SummaryCarriesThePlaceOfTheRecordAndTheTimeOfNow) {
-  TOLA_LogPrint(4200, kLogEvt, "some.cpp", 77, "event");
-  TOLA_LogPrint(4200, kLogEvt, "some.cpp", 77, "event");
-  log.Clear();
-  StandingClock::MoveSeconds(300);
   Log("next");
-  const auto record = log.Records().at(0);
-  EXPECT_EQ(record.date + record.level + record.module + record.file, "2024-03-05 14:07:07EVTM4200some.cpp");
-  EXPECT_EQ(record.line, 77u);
+  EXPECT_THAT(log.Lines(), ElementsAre("T Cnt:0x12,same 2024-03-05 14:02:07", "next"))
+      << "only the record that came again is summed up, without the first one";
+  const auto summary = log.Records().at(0);
+  EXPECT_EQ(summary.date + summary.level + summary.module + summary.file,
+            "2024-03-05 14:07:07EVTM4200some.cpp");
+  EXPECT_EQ(summary.line, 77u);
+  log.Clear();
+  same();
+  same();
+  EXPECT_THAT(log.Lines(), ElementsAre("same")) << "its time over, it is new again, and folded again";
 }
 
 TEST_F(RunLogRepeatTest, ClockThatGoesBackEndsTheFoldingToo) {
@@ -98,12 +88,6 @@ TEST_F(RunLogRepeatTest, ThirtyFirstRecordPushesOutTheOldest) {
   Log("32");
   EXPECT_THAT(log.Lines(), ElementsAre("Q Cnt:0x2,first 2024-03-05 14:02:07", "31", "32"))
       << "a count of 0 is pushed out in silence";
-}
-
-TEST_F(RunLogRepeatTest, ModuleFiveIsNeverFolded) {
-  Log("same", 1, 5);
-  Log("same", 1, 5);
-  EXPECT_THAT(log.Lines(), ElementsAre("same", "same"));
 }
 
 TEST_F(RunLogRepeatTest, SwitchingOffWritesEveryCount) {
@@ -141,25 +125,21 @@ TEST_F(RunLogRepeatTest, TimeoutOfZeroFoldsNothing) {
   EXPECT_THAT(log.Lines(), ElementsAre("same", "same", "same"));
 }
 
-TEST_F(RunLogRepeatTest, SettingsRefuseWhatTheyDoNotKnow) {
-  EXPECT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, nullptr), 14659u);
-  const uint32_t word = 1;
-  EXPECT_EQ(TOLA_LogRepeatControl(4, &word), 14665u);
-}
-
 TEST(RunLogRepeatSettingsTest, ExceptionsAreAcceptedOnceAndAreNotFolded) {
   InFreshProcess([] {
     support::LogCapture log;
-    uint16_t ids[] = {70, 71};
+    uint16_t ids[] = {70, 71};  // and 5, always
     const TOLA_LOG_EXCEPTION_S exceptions = {2, ids};
     EXPECT_EQ(TOLA_LogRepeatControl(kLogRepeatExceptions, &exceptions), 0u);
     EXPECT_EQ(TOLA_LogRepeatControl(kLogRepeatExceptions, &exceptions), 14666u);
+    EXPECT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, nullptr), 14659u);
+    EXPECT_EQ(TOLA_LogRepeatControl(4, &exceptions), 14665u);
     ids[1] = 72;  // the list was copied
     const uint8_t on = 1;
     EXPECT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, &on), 0u);
-    for (const uint16_t module : std::initializer_list<uint16_t>{71, 72, 71, 72})
+    for (const uint16_t module : std::initializer_list<uint16_t>{71, 72, 5, 71, 72, 5})
       TOLA_LogPrint(module, kLogErr, "a.cpp", 1, "%u", module);
-    EXPECT_THAT(log.Lines(), ElementsAre("71", "72", "71"));
+    EXPECT_THAT(log.Lines(), ElementsAre("71", "72", "5", "71", "5"));
   });
 }
 
