@@ -17,13 +17,13 @@ constexpr uint16_t kModule = kScriptExeCompId;
 constexpr size_t kCommandMax = 512;
 constexpr int kLineSize = 512;
 
-/// An entry that does not fit leaves `innerFile` alone: a cut path would name another file.
+/// kept: of a path that is too long `innerFile` holds what fits. The script then misses its file; with the
+/// entry before it would take a wrong one.
 void TakeInnerFile(const char* directory, const char* line, char* innerFile, uint32_t size) {
-  if (strlen(directory) + 1 + strlen(line) >= size) {
+  if (snprintf_s(innerFile, size, size - 1, "%s/%s", directory, line) < 0) {
     LOG_ERR(kModule, "sprint bsp err %s", line);
     return;
   }
-  (void)snprintf_s(innerFile, size, size - 1, "%s/%s", directory, line);  // fits: measured above
   LOG_EVT(kModule, "bsp pack file:%s", innerFile);
 }
 

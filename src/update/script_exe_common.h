@@ -14,7 +14,7 @@
 [[nodiscard]] uint32_t GetInnerScript(const char* scriptPath, const char* packagePath, char* innerFile,
                                       uint32_t innerFileSize);
 
-/// The same for a script name. A path that does not fit `size` leaves `innerFile` as it was.
+/// The same for a script name. A path that does not fit `size` is cut.
 /// @retval 0 listed, or no pipe @retval kErrFormat command too long @retval other refusal of the name check,
 /// or tar's wait status
 uint32_t GetInnerShFile(const char* directory, const char* packagePath, const char* scriptName,
