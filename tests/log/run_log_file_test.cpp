@@ -108,10 +108,11 @@ uint32_t Restart(const support::TempDir& dir, uint32_t maxSize) {
 TEST(RunLogFileTest, StartAppendsToWhatStandsThere) {
   const LogCapture settings;  // nothing is folded here, and nothing is logged afterwards
   const support::TempDir dir;
-  dir.Write("run.log", "old line\n");
+  chmod(dir.Write("run.log", "old line\n").c_str(), 0644);
   dir.Write("run_full_record.tola", std::string(32, '\0') + std::string("\x05\x00\x00\x00", 4));
   ASSERT_EQ(Restart(dir, 1000), 0u);
   EXPECT_EQ(GetLogFileAddSize(), 5u) << "the count goes on";
+  EXPECT_EQ(ModeOf(dir.File("run.log")), 0600u) << "the file of an older version is made private";
   LogHundred("new");
   EXPECT_EQ(GetLogFileAddSize(), 105u);
   EXPECT_THAT(ReadAll(dir.File("run.log")), StartsWith("old line\n20"));
@@ -142,7 +143,9 @@ TEST(RunLogFileTest, StartFailsWithoutADirectoryOrAFileOfItsOwnAndTheLogHealsLat
   const LogCapture settings;
   const support::TempDir dir;
   ASSERT_EQ(TOLA_SetRunLogFileName(dir.File("late/run").c_str()), 0u);
+  testing::internal::CaptureStdout();
   EXPECT_EQ(TOLA_PrintInitForArm9(1000, nullptr), 1u);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), StartsWith("chown：" + dir.File("late/") + " err\n"));
   const std::string secret = dir.Write("secret", "x");
   std::filesystem::create_directory(dir.File("late"));
   std::filesystem::create_hard_link(secret, dir.File("late/run.log"));
