@@ -12,8 +12,6 @@
 #include "drv/res_ctrl_command.h"
 #include "velto/kel_task.h"
 
-extern char** environ;
-
 namespace {
 
 constexpr char kTag[] = "resctrldriver";

@@ -110,6 +110,7 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) pid_t S
     const ChildPlan& plan, const sigset_t& mask) {
   const pid_t pid = vfork();
   if (pid != 0) return pid;
+  // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): raw system calls touch no memory of the parent
   (void)syscall(SYS_rt_sigprocmask, SIG_SETMASK, &mask, nullptr, static_cast<size_t>(_NSIG / 8));
   if (plan.identity == nullptr || SwitchTo(*plan.identity)) {
     CloseInherited();

@@ -70,8 +70,7 @@ void NotifyIpc(uint32_t operation, uint16_t moduleId) {
 /// The queue that the new module will use: one of its own, or that of `shared` (-1: none).
 uint32_t MakeQueue(const MsgModuleBlock* blocks, int32_t shared, uint32_t queueLength, uint32_t& queueId) {
   if (shared < 0) {
-    return KEL_QueueCreate("Que", queueLength, sizeof(tagMsgBuf*), &queueId) == 0 ? kSuccess
-                                                                                  : kMsgErrQueueCreate;
+    return KEL_QueueCreate("Que", queueLength, sizeof(void*), &queueId) == 0 ? kSuccess : kMsgErrQueueCreate;
   }
   if (static_cast<uint32_t>(shared) >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
   queueId = blocks[shared].queueId;
@@ -110,7 +109,7 @@ uint32_t Enqueue(const MsgModuleBlock& block, uint16_t destination, tagMsgBuf* m
                  bool* taken) {
   const uint16_t source = msg->source;  // the receiver may free the message as soon as it is queued
   const uint16_t type = msg->type;
-  const uint32_t err = KEL_QueueAsyWrite(block.queueId, &msg, sizeof(msg));
+  const uint32_t err = KEL_QueueAsyWrite(block.queueId, &msg, sizeof(void*));
   if (err != 0) {
     if (urgent) {
       LOG_ERR(kLogModule, "Qer%d>%d:%#x=%#x", source, destination, type, err);
@@ -268,8 +267,8 @@ uint32_t TOLA_MsgRecv(uint16_t moduleId, tagMsgBuf** out, uint32_t wait) {
     if (ret != 0) return ret;
     if (block.queueId == 0) return kMsgErrNotRegistered;
     uint32_t readSize = 0;
-    const uint32_t err = KEL_QueueAsyRead(block.queueId, &msg, sizeof(msg), &readSize);
-    if (err != 0 || readSize != sizeof(msg)) return kMsgErrQueueRead;
+    const uint32_t err = KEL_QueueAsyRead(block.queueId, &msg, sizeof(void*), &readSize);
+    if (err != 0 || readSize != sizeof(void*)) return kMsgErrQueueRead;
   }
   *out = msg;
   if (msg != nullptr) TOLA_dbg_recv(msg, LogBaseName(__FILE__), __LINE__);

@@ -1,6 +1,8 @@
 /// Start of the runtime, and how busy the machine is.
-#include <inttypes.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <mutex>
 
@@ -24,15 +26,19 @@ CpuTimes gCpuBefore;  // guarded by gCpuLock
 /// The machine's times since its start, in clock ticks; false when they cannot be read.
 bool ReadCpuTimes(CpuTimes& times) {
   const base::FilePtr file(fopen("/proc/stat", "re"));
-  uint64_t user = 0, nice = 0, system = 0, idle = 0, wait = 0, hard = 0, soft = 0, steal = 0;
-  if (!file || fscanf(file.get(),
-                      "cpu %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64 " %" SCNu64
-                      " %" SCNu64,
-                      &user, &nice, &system, &idle, &wait, &hard, &soft, &steal) < 4) {
+  char line[256] = "";
+  if (!file || fgets(line, sizeof(line), file.get()) == nullptr || strncmp(line, "cpu ", 4) != 0)
     return false;
+  const char* at = line + 4;
+  times = {};
+  for (int column = 0; column < 8; ++column) {  // user nice system idle wait hard soft steal
+    char* end = nullptr;
+    const uint64_t ticks = strtoull(at, &end, 10);
+    if (end == at) return column >= 4;  // old kernels end after idle
+    at = end;
+    times.all += ticks;
+    if (column == 3 || column == 4) times.idle += ticks;
   }
-  times.idle = idle + wait;
-  times.all = user + nice + system + idle + wait + hard + soft + steal;
   return true;
 }
 
