@@ -105,16 +105,22 @@ bool IsOneArgument(const char* path) {
 
 /// Whether the list at `crlPath` can serve as the stored one of `caType`, see UpdateCrlFileToDevice.
 bool IsStorable(const char* crlPath, uint32_t caType) {
-  SIGNATURE_VERIFY_REQ_S alone;
+  SIGNATURE_VERIFY_REQ_S alone;  // without the request's extra certificate
   alone.crlPath = crlPath;
   alone.caType = static_cast<uint16_t>(caType);
   VerifyCtxPtr context;
   VerifyCrlPtr crl;
-  if (GetValidCrlInfo(alone, context, crl) != kSuccess || SigvfyCrlIsFuture(crl.get())) return false;
+  if (GetValidCrlInfo(alone, context, crl) != kSuccess) return false;
+  if (SigvfyCrlIsFuture(crl.get())) {
+    LOG_ERR(kVerifyLogModule, "crl is from the future:%s", crlPath);
+    return false;
+  }
   for (uint32_t type = 0; type < GetSignatureRootCASupportNum(); ++type) {
     const TOLA_ROOT_CA_S other = GetRootCa(type);
     if (type == caType || other.length == 0) continue;
-    if (SigvfyCrlNamesStranger(crl.get(), other.certificate, other.length)) return false;
+    if (!SigvfyCrlNamesStranger(crl.get(), other.certificate, other.length)) continue;
+    LOG_ERR(kVerifyLogModule, "crl of type %u holds one of type %u:%s", caType, type, crlPath);
+    return false;
   }
   return true;
 }
