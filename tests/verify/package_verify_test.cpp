@@ -70,16 +70,6 @@ TEST_F(PackageVerifyTest, AChangeAnywhereInTheListIsFound) {
   EXPECT_EQ(VerifyDirectory(), 50987u) << "one more byte";
 }
 
-TEST_F(PackageVerifyTest, SignersOfNobodyAndRevokedOnesAreRefused) {
-  const testpki::SmallPki foreign;
-  dir_.Write("update/list.cms", Text(testpki::Sign(list_, foreign.signer)));
-  EXPECT_EQ(VerifyPackage(), 50987u) << "a foreign root's signer";
-  WriteList(list_);
-  dir_.Write("update/list_2.crl",
-             Text(testpki::MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}})));
-  EXPECT_EQ(VerifyPackage(), 50987u) << "a revoked signer";
-}
-
 TEST_F(PackageVerifyTest, AnExtraCertificateIsTrustedBesideTheRoot) {
   const testpki::Identity other = testpki::MakeRoot({.name = "other root"});
   const std::string extra = other.Pem();
