@@ -11,6 +11,7 @@ constexpr char kBoard[] = TOLA_SOURCE_DIR "/board/board";
 constexpr char kPrograms[] = TOLA_BUILD_DIR "/bin";
 constexpr char kRootKey[] = TOLA_BUILD_DIR "/dev_roots/rsa2048.key";
 constexpr char kRootCert[] = TOLA_BUILD_DIR "/dev_roots/root_rsa2048.pem";
+constexpr int kBoardDown = 3;  // the launcher's own
 constexpr int kWaitSteps = 1000;
 constexpr useconds_t kWaitStepUs = 10000;
 
@@ -44,7 +45,9 @@ void Board::Put(const std::string& file, const std::string& path) const {
 
 bool Board::WaitFor(const std::string& condition) const {
   for (int step = 0; step < kWaitSteps; ++step) {
-    if (Shell(condition).status == 0) return true;
+    const int status = Shell(condition).status;
+    if (status == 0) return true;
+    if (status == kBoardDown) return false;
     (void)usleep(kWaitStepUs);
   }
   return false;
