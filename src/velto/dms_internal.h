@@ -55,6 +55,7 @@ inline constexpr bool IsCpi(uint32_t cpi) {
 struct ProcAddr {
   in_addr_t ip = 0;  ///< network order
   uint32_t processId = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 takes the compiler's own 0 for one written here
   auto operator<=>(const ProcAddr&) const = default;
 };
 
