@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr char kSource[] = "comp_manager.cpp";
 constexpr uint32_t kHaNone = 2;
 constexpr uint32_t kCpiFlag = 0x80000000;
 constexpr uint32_t kCpiHaFlag = 0x90000000;
@@ -67,13 +66,13 @@ uint32_t StartInstance(const TOLA_COMP_TYPE_S& type, const TOLA_COMP_INST_S& ins
   if (inst.paraReg != nullptr) {
     const uint32_t ret = inst.paraReg(inst.csi) & 0xFFFF;
     if (ret != 0) {
-      COMP_LOG(kSource, kCompErr, "Comp instance set Para failed type=%#x, name=%s, csi = %#x, ret=%#x",
-               type.typeId, name.text, inst.csi, ret);
+      COMP_LOG(kCompErr, "Comp instance set Para failed type=%#x, name=%s, csi = %#x, ret=%#x", type.typeId,
+               name.text, inst.csi, ret);
       return ret;
     }
   }
   const uint32_t ret = TolaCompKickOff(inst.csi);
-  COMP_LOG(kSource, kCompInf, "Name:%s Type=%#x, csi=%#x, %s, ret=%#x", name.text, type.typeId, inst.csi,
+  COMP_LOG(kCompInf, "Name:%s Type=%#x, csi=%#x, %s, ret=%#x", name.text, type.typeId, inst.csi,
            ret == 0 ? "Success" : "Fail", ret);
   return ret == 0 ? kSuccess : kFailure;
 }
@@ -83,7 +82,7 @@ uint32_t RunHook(const TOLA_COMP_TYPE_S& type, uint32_t (*hook)()) {
   if (hook == nullptr) return kSuccess;
   const uint32_t ret = hook() & 0xFFFF;
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "Comp type start up failed type=%#x, name=%s, ret=%#x", type.typeId,
+    COMP_LOG(kCompErr, "Comp type start up failed type=%#x, name=%s, ret=%#x", type.typeId,
              TypeName(type).text, ret);
   }
   return ret;
@@ -131,7 +130,7 @@ void TolaOsRegComps(const TOLA_COMP_REG_SET_S* set, uint32_t stage) {
   for (uint32_t i = 0; i < std::min(set->typeNum, kCompTypeMax); ++i) {
     if (set->type[i].stage != stage) continue;
     const uint32_t ret = TolaOsKickOffComps(&set->type[i]);
-    COMP_LOG(kSource, kCompInf, "Comps kick result %#x", ret);
+    COMP_LOG(kCompInf, "Comps kick result %#x", ret);
   }
 }
 
@@ -141,7 +140,7 @@ uint32_t TolaOsKickOffComps(const TOLA_COMP_TYPE_S* type) {
   if (ret != 0) return ret;
   ret = TolaCompReg(type);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "Comp type reg comp failed type=%#x, name=%s, ret=%#x", type->typeId,
+    COMP_LOG(kCompErr, "Comp type reg comp failed type=%#x, name=%s, ret=%#x", type->typeId,
              TypeName(*type).text, ret);
     return kFailure;
   }
@@ -154,14 +153,14 @@ uint32_t TolaOsKickOffComps(const TOLA_COMP_TYPE_S* type) {
 
 uint32_t TolaCompInit(const TOLA_COMP_DST_PROC_S* local, uint32_t dstNum, const TOLA_COMP_DST_PROC_S* dst) {
   if (dstNum != 0 && dst == nullptr) {
-    COMP_LOG(kSource, kCompErr, "dstNum[%d] but dstProc is null", dstNum);
+    COMP_LOG(kCompErr, "dstNum[%d] but dstProc is null", dstNum);
     return kFailure;
   }
   CompManagerImpl& manager = CompManagerImpl::GetInstance();
   if (local == nullptr || manager.InitCompManagerImpl() != 0) return kFailure;
   TolaMsgSendToCompRegFun(IsModuleAComponent, TolaSendMsgToComp);
   if (local->procId == 0) {
-    COMP_LOG(kSource, kCompErr, "invalid procId(%d)", local->procId);
+    COMP_LOG(kCompErr, "invalid procId(%d)", local->procId);
     return kFailure;
   }
   uint32_t ret = AddLocal(manager, *local);
@@ -178,12 +177,12 @@ uint32_t TolaCompReg(const TOLA_COMP_TYPE_S* type) {
   RtfCompTypeInfo info{};
   errno_t err = strcpy_s(info.name, sizeof(info.name), type->name);
   if (err != EOK) {
-    COMP_LOG(kSource, kCompErr, "strcpy_s name fail, err = %d", err);
+    COMP_LOG(kCompErr, "strcpy_s name fail, err = %d", err);
     return kFailure;
   }
   err = strcpy_s(info.version, sizeof(info.version), type->version);
   if (err != EOK) {
-    COMP_LOG(kSource, kCompErr, "strcpy_s ver fail, err = %d", err);
+    COMP_LOG(kCompErr, "strcpy_s ver fail, err = %d", err);
     return kFailure;
   }
   info.priority = type->priority;
@@ -194,20 +193,20 @@ uint32_t TolaCompReg(const TOLA_COMP_TYPE_S* type) {
 }
 
 uint32_t TolaCompKickOff(uint32_t csi) {
-  COMP_LOG(kSource, kCompTrace, "Enter");
+  COMP_LOG(kCompTrace, "Enter");
   CompManagerImpl& manager = CompManagerImpl::GetInstance();
   uint32_t ret = manager.CreateComp(csi, MakeCompCpi(csi), nullptr);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "Create Comp fail[%#x]", ret);
+    COMP_LOG(kCompErr, "Create Comp fail[%#x]", ret);
     return ret;
   }
-  COMP_LOG(kSource, kCompTrace, "EnableComp start");
+  COMP_LOG(kCompTrace, "EnableComp start");
   ret = manager.EnableComp(MakeCompCpi(csi));
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "Enable Comp fail[%#x]", ret);
+    COMP_LOG(kCompErr, "Enable Comp fail[%#x]", ret);
     return ret;
   }
-  COMP_LOG(kSource, kCompTrace, "Exit");
+  COMP_LOG(kCompTrace, "Exit");
   return kSuccess;
 }
 
@@ -246,7 +245,7 @@ uint32_t TolaAddCompDstProcInfo(const TOLA_COMP_DST_PROC_S* dst) {
 
 uint32_t TolaAddCompDstProcInfoWithSecInfo(const TOLA_COMP_DST_PROC_S* dst, const void* secInfo) {
   if (secInfo != nullptr) {
-    COMP_LOG(kSource, kCompErr, "no secured link: proc[%u] is not added", dst != nullptr ? dst->procId : 0);
+    COMP_LOG(kCompErr, "no secured link: proc[%u] is not added", dst != nullptr ? dst->procId : 0);
     return kFailure;
   }
   return TolaAddCompDstProcInfo(dst);

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr char kSource[] = "comp_manager_impl.cpp";
 constexpr uint32_t kCreateStages = 3;
 
 /// Holds a platform reader-writer lock for reading or writing; false when there is no such lock.
@@ -72,27 +71,27 @@ uint32_t CompManagerImpl::InitCompManagerImpl() {
 }
 
 uint32_t CompManagerImpl::CompTypeRegister(uint32_t typeId, const RtfCompTypeInfo& info) {
-  COMP_LOG(kSource, kCompTrace, "Enter compType reg:typeId[%u], typeName[%s], prio[%u]", typeId, info.name,
+  COMP_LOG(kCompTrace, "Enter compType reg:typeId[%u], typeName[%s], prio[%u]", typeId, info.name,
            info.priority);
   const uint32_t ret = RTF_CompTypeRegister(typeId, &info);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "reg fail(%#x)! typeId[%u], typeName[%s], prio[%u]", ret, typeId, info.name,
+    COMP_LOG(kCompErr, "reg fail(%#x)! typeId[%u], typeName[%s], prio[%u]", ret, typeId, info.name,
              info.priority);
     return ret;
   }
-  COMP_LOG(kSource, kCompTrace, "Exit compType reg");
+  COMP_LOG(kCompTrace, "Exit compType reg");
   return kSuccess;
 }
 
 uint32_t CompManagerImpl::DeleteCompType(uint32_t typeId) {
   const uint32_t ret = RTF_CompTypeDelete(typeId);
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "del type[%u] fail(%#x)", typeId, ret);
+  if (ret != 0) COMP_LOG(kCompErr, "del type[%u] fail(%#x)", typeId, ret);
   return ret;
 }
 
 uint32_t CompManagerImpl::CompSchInstRegister(const RtfContainerAttrib& attrib) {
   const uint32_t ret = RTF_CmaSContInstRegister(&attrib);
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "reg container[%s] fail(%#x)", attrib.taskName, ret);
+  if (ret != 0) COMP_LOG(kCompErr, "reg container[%s] fail(%#x)", attrib.taskName, ret);
   return ret;
 }
 
@@ -103,39 +102,38 @@ uint32_t CompManagerImpl::CreateComp(uint32_t csi, uint32_t cpi, const RtfMsgStr
   for (uint32_t stage = 0; stage < kCreateStages; ++stage) {
     const uint32_t ret = RTF_CompInstCreate(stage, addr.typeId, &inst);
     if (ret != 0) {
-      COMP_LOG(kSource, kCompErr, "stage[%d],csi[%d],type[%u],fail(%#x)", stage, csi, addr.typeId, ret);
+      COMP_LOG(kCompErr, "stage[%d],csi[%d],type[%u],fail(%#x)", stage, csi, addr.typeId, ret);
       return ret;
     }
   }
   if (attrib != nullptr) {
-    COMP_LOG(kSource, kCompTrace, "stage3: Prio[%u], streamId[%u], msgNum[%u], maxAppMsgNum[%u], fcmQue[%u]",
+    COMP_LOG(kCompTrace, "stage3: Prio[%u], streamId[%u], msgNum[%u], maxAppMsgNum[%u], fcmQue[%u]",
              attrib->priority, attrib->streamId, attrib->msgNum, attrib->maxAppMsgNum, attrib->fcmQue);
     const uint32_t ret = RTF_ScmCompAllMsgStmAttribSet(cpi, attrib);
     if (ret != 0) {
-      COMP_LOG(kSource, kCompErr,
-               "set fail(%#x) Prio[%u], streamId[%u], msgNum[%u],maxAppMsgNum[%u], fcmQue[%u]", ret,
+      COMP_LOG(kCompErr, "set fail(%#x) Prio[%u], streamId[%u], msgNum[%u],maxAppMsgNum[%u], fcmQue[%u]", ret,
                attrib->priority, attrib->streamId, attrib->msgNum, attrib->maxAppMsgNum, attrib->fcmQue);
       return ret;
     }
   }
-  COMP_LOG(kSource, kCompTrace, "Exit create comp");
+  COMP_LOG(kCompTrace, "Exit create comp");
   return kSuccess;
 }
 
 uint32_t CompManagerImpl::EnableComp(uint32_t cpi) {
   const uint32_t ret = RTF_CompInstSchEnable(cpi, 1);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "enable cpi[%u] fail(%#x)", cpi, ret);
+    COMP_LOG(kCompErr, "enable cpi[%u] fail(%#x)", cpi, ret);
     return ret;
   }
-  COMP_LOG(kSource, kCompTrace, "Exit enable comp");
+  COMP_LOG(kCompTrace, "Exit enable comp");
   return kSuccess;
 }
 
 uint32_t CompManagerImpl::CompDestroy(uint32_t csi) {
   const uint32_t ret = RTF_CompInstDestroy(MakeCompCpi(csi));
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "destroy csi[%u] fail(%#x)", csi, ret);
+    COMP_LOG(kCompErr, "destroy csi[%u] fail(%#x)", csi, ret);
     return ret;
   }
   {
@@ -150,7 +148,7 @@ uint32_t CompManagerImpl::SetProcId(const TOLA_COMP_PROC_S& local) {
   uint32_t ret = KEL_SysProcIdSet(local.procId);
   if (ret == 0) ret = DMS_MeshCamProcAddrItemAdd(local.ip, local.procId);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "set local proc[%s, %u] fail(%#x)", local.ip, local.procId, ret);
+    COMP_LOG(kCompErr, "set local proc[%s, %u] fail(%#x)", local.ip, local.procId, ret);
     return ret;
   }
   const WriteGuard guard(addrLock_);
@@ -169,7 +167,7 @@ uint32_t CompManagerImpl::GetLocalProcInfo(TOLA_COMP_PROC_S& local) const {
 uint32_t CompManagerImpl::AddProcAddr(const TOLA_COMP_PROC_S& proc) {
   if (!HasEnd(proc.ip)) return kFailure;
   const uint32_t ret = DMS_CamMeshOtherProcAddrItemAdd(proc.ip, proc.procId);
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "add proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
+  if (ret != 0) COMP_LOG(kCompErr, "add proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
   return ret;
 }
 
@@ -183,7 +181,7 @@ uint32_t CompManagerImpl::AddDestProcId(const TOLA_COMP_DST_PROC_S& dst) {
   const uint32_t count = dst.addrNum < kCompAddrMax ? dst.addrNum : kCompAddrMax;
   for (uint32_t i = 0; i < count; ++i) {
     if (!Same(proc, local) && IsLocal(dst.addr[i].csi)) {
-      COMP_LOG(kSource, kCompErr, "csi[%u] of proc[%s, %u] is local", dst.addr[i].csi, proc.ip, proc.procId);
+      COMP_LOG(kCompErr, "csi[%u] of proc[%s, %u] is local", dst.addr[i].csi, proc.ip, proc.procId);
       continue;
     }
     const uint32_t one = AddCompId(dst.addr[i], haState, proc);
@@ -200,7 +198,7 @@ uint32_t CompManagerImpl::DelDestProcId(const TOLA_COMP_PROC_S& proc) {
     std::erase_if(csiTable_, [&](const auto& item) { return Same(item.second.proc, proc); });
   }
   const uint32_t ret = DMS_CamMeshOtherProcAddrItemDel(proc.ip, proc.procId);  // with its components
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "del proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
+  if (ret != 0) COMP_LOG(kCompErr, "del proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
   return ret;
 }
 
@@ -209,8 +207,8 @@ uint32_t CompManagerImpl::AddCompId(const TOLA_COMP_ADDR_S& addr, uint32_t haSta
   if (!HasEnd(proc.ip)) return kFailure;
   const uint32_t ret = DMS_CompAddrTableItemAdd(addr.csi, addr.typeId, proc.ip, proc.procId);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "add csi[%u] type[%u] at proc[%s, %u] fail(%#x)", addr.csi, addr.typeId,
-             proc.ip, proc.procId, ret);
+    COMP_LOG(kCompErr, "add csi[%u] type[%u] at proc[%s, %u] fail(%#x)", addr.csi, addr.typeId, proc.ip,
+             proc.procId, ret);
     return ret;
   }
   return PutItem(addr.csi, {addr.typeId, haState, proc});

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr char kSource[] = "comp_msg";
 constexpr uint32_t kIdMask = 0x7FFFFFFF;    ///< ids without the runtime's address flag
 constexpr uint32_t kHaIdMask = 0x0FFFFFFF;  ///< and without the HA flag
 constexpr uint32_t kQueueLengthMax = 65536;
@@ -34,11 +33,10 @@ uint32_t SendToAddress(uint32_t address, uint32_t destination, void* msg) {
   CountOut(msg);
   const uint32_t ret = DMS_MsgSend(address, msg);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "0x%x send msg 0x%x to 0x%x fail:0x%x", sourceId, messageId, destination,
-             ret);
+    COMP_LOG(kCompErr, "0x%x send msg 0x%x to 0x%x fail:0x%x", sourceId, messageId, destination, ret);
     return ret;
   }
-  COMP_LOG(kSource, kCompTrace, "Exit");
+  COMP_LOG(kCompTrace, "Exit");
   return kSuccess;
 }
 
@@ -47,14 +45,14 @@ uint32_t SendToAddress(uint32_t address, uint32_t destination, void* msg) {
 void* TolaCompMsgAlloc(uint32_t sourceId, uint16_t messageId, uint32_t length) {
   void* msg = DMS_MsgAlloc(sourceId, length);
   if (msg != nullptr) return Allocated(msg, sourceId, messageId, length);
-  COMP_LOG(kSource, kCompErr, "MsgAlloc fail srcId:%#x, msgId:%#x, msgLen:%u", sourceId, messageId, length);
+  COMP_LOG(kCompErr, "MsgAlloc fail srcId:%#x, msgId:%#x, msgLen:%u", sourceId, messageId, length);
   return nullptr;
 }
 
 void* TolaCompMsgFlowCtrlAlloc(uint32_t sourceId, uint32_t limit, uint16_t messageId, uint32_t length) {
   void* msg = DMS_MsgFlowCtrlAlloc(sourceId, limit, length);
   if (msg != nullptr) return Allocated(msg, sourceId, messageId, length);
-  COMP_LOG(kSource, kCompErr, "DMS_MsgFlowCtrlAlloc fail");
+  COMP_LOG(kCompErr, "DMS_MsgFlowCtrlAlloc fail");
   return nullptr;
 }
 
@@ -62,19 +60,19 @@ void TolaCompMsgFree(void* msg) {
   if (msg == nullptr) return;
   CountOut(msg);
   const uint32_t ret = DMS_MsgFree(TolaCompGetSrcId(msg), msg);
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "free error:%#x", ret);
+  if (ret != 0) COMP_LOG(kCompErr, "free error:%#x", ret);
 }
 
 void TolaCompMsgPrioSet(void* msg, TolaMsgPrio priority) {
   const uint32_t ret = DMS_MsgPrioSet(msg, static_cast<uint8_t>(priority));
-  if (ret != 0) COMP_LOG(kSource, kCompErr, "Prio Set error:%#x", ret);
+  if (ret != 0) COMP_LOG(kCompErr, "Prio Set error:%#x", ret);
 }
 
 TolaMsgPrio GetTolaCompMsgPrio(const void* msg) {
   uint32_t priority = 0;
   const uint32_t ret = DMS_MsgQuePrioGet(msg, &priority);
   if (ret != 0) {
-    COMP_LOG(kSource, kCompErr, "Prio Get error:%#x", ret);
+    COMP_LOG(kCompErr, "Prio Get error:%#x", ret);
     return kTolaMsgPrioNormal;
   }
   return static_cast<TolaMsgPrio>(priority);
@@ -83,22 +81,22 @@ TolaMsgPrio GetTolaCompMsgPrio(const void* msg) {
 void TolaCompMsgSetSeqNo(void* msg, uint16_t seqNo) {
   void* head = DMS_MsgReserveHeadGet(msg);
   if (head == nullptr) {
-    COMP_LOG(kSource, kCompErr, "Get msg head err");
+    COMP_LOG(kCompErr, "Get msg head err");
     return;
   }
   const errno_t err = memcpy_s(head, kDmsReservedHeadSize, &seqNo, sizeof(seqNo));
-  if (err != EOK) COMP_LOG(kSource, kCompErr, "Set seq err:%d", err);
+  if (err != EOK) COMP_LOG(kCompErr, "Set seq err:%d", err);
 }
 
 uint16_t TolaCompMsgGetSeqNo(const void* msg) {
   const void* head = DMS_MsgReserveHeadGet(const_cast<void*>(msg));  // only read
   if (head == nullptr) {
-    COMP_LOG(kSource, kCompErr, "Get msg head err");
+    COMP_LOG(kCompErr, "Get msg head err");
     return 0;
   }
   uint16_t seqNo = 0;
   if (memcpy_s(&seqNo, sizeof(seqNo), head, sizeof(seqNo)) != EOK) {
-    COMP_LOG(kSource, kCompErr, "Get seq err");
+    COMP_LOG(kCompErr, "Get seq err");
     return 0;
   }
   return seqNo;
@@ -136,7 +134,7 @@ uint32_t TOLA_SetCompMaxMsgQueueLen(uint32_t csi, uint32_t length) {
   for (uint32_t stream = 0; stream < kStreams; ++stream) {
     const uint32_t ret = RTF_ScmCompStmMaxMsgNumSet(MakeCompCpi(csi), stream, 0, length);
     if (ret != 0) {
-      COMP_LOG(kSource, kCompErr, "msglen err, ret = %#x", ret);
+      COMP_LOG(kCompErr, "msglen err, ret = %#x", ret);
       return kCompErrQueueSet;
     }
   }

@@ -9,13 +9,11 @@
 
 namespace {
 
-constexpr char kSource[] = "comp_msg_trans";
-
 /// Copies data behind a head; nothing to copy is no failure.
 bool CopyData(void* to, const void* from, uint32_t length) {
   if (length == 0) return true;
   const errno_t err = memcpy_s(to, length, from, length);
-  if (err != EOK) COMP_LOG(kSource, kCompErr, "mcpy err:%d", err);
+  if (err != EOK) COMP_LOG(kCompErr, "mcpy err:%d", err);
   return err == EOK;
 }
 

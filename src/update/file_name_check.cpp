@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr char kSource[] = "file_name_check";
 constexpr uint32_t kListCommandMax = 256;
 constexpr uint32_t kLineSize = 256;
 
@@ -45,7 +44,7 @@ uint32_t MakeListCommand(PackageKind kind, const char* packagePath, char (&out)[
   }
   if (!IsOneShellWord(packagePath)) return kFailure;
   const uint32_t result = MakeUnzipCmdStringOfList(out, sizeof(out), packagePath);
-  if (result == 0) TOLA_LogPrint(0, kLogEvt, kSource, __LINE__, "unzip cmd:%s", out);
+  if (result == 0) TOLA_LogPrint(0, kLogEvt, __FILE__, __LINE__, "unzip cmd:%s", out);
   return result;
 }
 
@@ -127,7 +126,7 @@ uint32_t CheckFileNameInCompressedPackage(const char* packagePath) {
   if (const uint32_t result = MakeListCommand(kind, packagePath, command); result != 0) return result;
   const base::PipePtr listing(UpdatePopen(command));
   if (listing == nullptr) {
-    TOLA_LogPrint(0, kLogErr, kSource, __LINE__, "popen fail %s", command);
+    TOLA_LogPrint(0, kLogErr, __FILE__, __LINE__, "popen fail %s", command);
     return kFailure;
   }
   char line[kLineSize];  // a longer name is judged piece by piece

@@ -204,7 +204,7 @@ TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne)
   ASSERT_EQ(TolaAddCompDstProcInfoWithSecInfo(&peer, nullptr), 0u);
   EXPECT_TRUE(IsKnown(1502));
   EXPECT_EQ(TolaCompMsgSend(1502, NewMsg(1501, 1, 1, "x")), kDmsErrNoPeer) << "nobody listens there";
-  EXPECT_THAT(Logged().TakeAll(), Contains("comp_msg: 0x5dd send msg 0x1 to 0x5de fail:0x503"));
+  EXPECT_THAT(Logged().TakeAll(), Contains("comp_msg.cpp: 0x5dd send msg 0x1 to 0x5de fail:0x503"));
   ASSERT_EQ(TolaCompMsgSend(1501, NewMsg(1501, 1, 1, "here")), 0u);
   EXPECT_EQ(Arrived().Take().data, "here") << "another process took a local instance away";
 

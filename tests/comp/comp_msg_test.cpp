@@ -154,7 +154,7 @@ TEST_F(CompMsgTest, QueueLengthsAreBounded) {
                      {9, 0, kCompErrQueueLength},
                      {9, 1, kCompErrQueueSet}};
   for (const auto& c : cases) EXPECT_EQ(TOLA_SetCompMaxMsgQueueLen(c.csi, c.length), c.result) << c.length;
-  EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr("comp_msg: msglen err, ret = 0x")));
+  EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr("comp_msg.cpp: msglen err, ret = 0x")));
 }
 
 }  // namespace
