@@ -47,7 +47,7 @@ TEST_F(KelSemaTest, AsALockItLetsOneInAtATimeAndLosesNoWakeUp) {
         ASSERT_EQ(KEL_SemaP(sema_, 60'000), 0u) << "a give woke nobody";
         EXPECT_EQ(++inside, 1);
         ++entries;
-        if (round % 8 == 0) std::this_thread::yield();  // so that the others run into the taken semaphore
+        if (round % 64 == 0) std::this_thread::yield();  // so that the others run into the taken semaphore
         --inside;
         ASSERT_EQ(KEL_SemaV(sema_), 0u);
       }
@@ -112,7 +112,7 @@ TEST_F(KelRwLockTest, WritersAndReadersKeepTheirRecordWholeAndNobodyIsLeftAsleep
         ASSERT_EQ(KEL_RWLockWLock(lock_, KEL_WAIT_FOREVER), 0u);
         for (uint64_t& field : record) {
           ++field;
-          if (round % 8 == 0) std::this_thread::yield();  // so that the others run into the lock
+          if (round % 64 == 0) std::this_thread::yield();  // so that the others run into the lock
         }
         ASSERT_EQ(KEL_RWLockWUnlock(lock_), 0u);
       }

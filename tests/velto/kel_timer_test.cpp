@@ -82,7 +82,7 @@ TEST_F(KelTimerTest, StopReturnsOnlyWhenNoCallbackRuns) {
     EXPECT_FALSE(probe.inside) << "the callback still runs: its data may be gone";
     stopped = true;
   });
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  for (int i = 0; i < 50; ++i) std::this_thread::yield();
   EXPECT_FALSE(stopped);
   probe.hold = false;
   stopper.join();
