@@ -102,6 +102,26 @@ TEST_F(KelRwLockTest, AWaitingWriterGoesBeforeNewReadersAndLetsThemInWhenItGives
   EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
 }
 
+TEST_F(KelRwLockTest, TheLastReaderWakesTheWriterAndTheWriterTheReaders) {
+  ASSERT_EQ(KEL_RWLockRLock(lock_, 0), 0u);
+  std::atomic<bool> mayLeave{false};
+  TestTask writer("writer", [&] {
+    EXPECT_EQ(KEL_RWLockWLock(lock_, KEL_WAIT_FOREVER), 0u);
+    while (!mayLeave) std::this_thread::yield();
+    EXPECT_EQ(KEL_RWLockWUnlock(lock_), 0u);
+  });
+  EXPECT_TRUE(FallsAsleep(writer.id()));
+  TestTask reader("reader", [&] {
+    EXPECT_EQ(KEL_RWLockRLock(lock_, KEL_WAIT_FOREVER), 0u);
+    EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
+  });
+  EXPECT_TRUE(FallsAsleep(reader.id()));
+  EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
+  mayLeave = true;
+  writer.Join();  // either hangs when nobody woke it
+  reader.Join();
+}
+
 TEST_F(KelRwLockTest, WritersAndReadersKeepTheirRecordWholeAndNobodyIsLeftAsleep) {
   std::array<uint64_t, 4> record{};  // plain on purpose: only the lock keeps it whole
   constexpr uint64_t kRounds = 3000;
