@@ -60,14 +60,15 @@ TEST(KelQueue, BehavesAsADequeOfBoundedLength) {
   }
 }
 
-// Writers and readers on one queue, which is long enough that a busy machine does not wait for each entry:
-// every entry comes out once, each writer's in order.
+// Every entry comes out once, each writer's in order. The length is the whole ring's, so that a writer waits
+// for the very cell that a reader still copies (the tsan preset sees them meet), and long enough that a busy
+// machine does not give up a time slice for each entry.
 TEST(KelQueue, ManyWritersAndReadersLoseAndDoubleNothing) {
   constexpr uint32_t kWriters = 3;
   constexpr uint32_t kReaders = 2;
   constexpr uint32_t kEach = 5000;
   uint32_t queue = 0;
-  ASSERT_EQ(KEL_QueueCreate("crowd", 50, sizeof(uint64_t), &queue), 0u);
+  ASSERT_EQ(KEL_QueueCreate("crowd", 64, sizeof(uint64_t), &queue), 0u);
   std::atomic<uint32_t> left{kWriters * kEach};
   std::vector<std::vector<uint64_t>> got(kReaders);
   std::vector<std::thread> threads;
