@@ -7,11 +7,11 @@
 #include <string_view>
 
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "cms/cms_log.h"
 #include "cms/decode.h"
 #include "cms/report.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "velto/kel_cfg.h"
 
 namespace cms {

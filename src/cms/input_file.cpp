@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "cms/report.h"
+#include "securec.h"
 
 namespace cms {
 

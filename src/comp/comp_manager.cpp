@@ -1,7 +1,6 @@
 #include "comp/comp_manager.h"
 
 #include <arpa/inet.h>
-#include <securec.h>
 #include <string.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "comp/comp_log.h"
 #include "comp/comp_manager_impl.h"
 #include "comp/comp_msg_trans.h"
+#include "securec.h"
 
 namespace {
 

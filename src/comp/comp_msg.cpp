@@ -1,11 +1,10 @@
 #include "comp/comp_msg.h"
 
-#include <securec.h>
-
 #include "base/result_codes.h"
 #include "comp/comp_log.h"
 #include "comp/comp_manager_impl.h"
 #include "comp/comp_msg_trans.h"
+#include "securec.h"
 #include "velto/dms.h"
 
 namespace {

@@ -1,11 +1,10 @@
 #include "comp/comp_msg_trans.h"
 
-#include <securec.h>
-
 #include "base/result_codes.h"
 #include "comp/comp_log.h"
 #include "comp/comp_msg.h"
 #include "msg/process_msg_manager.h"
+#include "securec.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 #include "drv/res_ctrl.h"
 
 #include <errno.h>
-#include <securec.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
@@ -10,6 +9,7 @@
 
 #include "base/owners.h"
 #include "drv/res_ctrl_command.h"
+#include "securec.h"
 #include "velto/kel_task.h"
 
 namespace {

@@ -15,9 +15,9 @@
 #include <optional>
 #include <string_view>
 
-#include "boundscheck/securec.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 
 namespace {
 

@@ -19,8 +19,8 @@
 #include <string_view>
 
 #include "base/owners.h"
-#include "boundscheck/securec.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "velto/kel_clock.h"
 
 namespace {

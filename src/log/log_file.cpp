@@ -7,10 +7,10 @@
 
 #include "base/owners.h"
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "log/file_public.h"
 #include "log/log_file_state.h"
 #include "log/log_lock.h"
+#include "securec.h"
 
 namespace runlog {
 

@@ -5,8 +5,8 @@
 #include <charconv>
 
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "log/log_lock.h"
+#include "securec.h"
 #include "velto/kel_mem.h"
 
 namespace runlog {

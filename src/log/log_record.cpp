@@ -7,7 +7,7 @@
 #include <array>
 #include <charconv>
 
-#include "boundscheck/securec.h"
+#include "securec.h"
 
 namespace runlog {
 namespace {

@@ -7,13 +7,13 @@
 #include <atomic>
 
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "log/file_public.h"
 #include "log/log_file.h"
 #include "log/log_lock.h"
 #include "log/log_names.h"
 #include "log/log_record.h"
 #include "log/run_log_ex.h"
+#include "securec.h"
 #include "velto/kel_clock.h"
 
 namespace runlog {

@@ -7,10 +7,10 @@
 #include <span>
 
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "log/log_file.h"
 #include "log/log_lock.h"
 #include "log/log_names.h"
+#include "securec.h"
 #include "velto/kel_clock.h"
 #include "velto/kel_mem.h"
 

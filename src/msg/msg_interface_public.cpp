@@ -1,12 +1,11 @@
 /// Message buffers: their memory, their length field, and the one call that fills and posts in one go.
 #include "msg/msg_interface_public.h"
 
-#include <securec.h>
-
 #include <atomic>
 
 #include "base/result_codes.h"
 #include "msg/process_msg_manager.h"
+#include "securec.h"
 #include "velto/kel_mem.h"
 
 namespace {

@@ -5,13 +5,12 @@
 /// way is stored last and read first.
 #include "msg/process_msg_manager.h"
 
-#include <securec.h>
-
 #include <atomic>
 #include <mutex>
 
 #include "base/result_codes.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_sync.h"
 #include "velto/kel_task.h"

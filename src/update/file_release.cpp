@@ -8,9 +8,9 @@
 
 #include "base/owners.h"
 #include "base/result_codes.h"
-#include "boundscheck/securec.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "update/file_name_check.h"
 #include "update/package_kind.h"
 

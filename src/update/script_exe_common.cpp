@@ -1,12 +1,12 @@
 #include "update/script_exe_common.h"
 
-#include <securec.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "base/result_codes.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "update/file_name_check.h"
 #include "update/script_exe_ids.h"
 #include "update/script_run.h"

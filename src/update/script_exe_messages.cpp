@@ -1,11 +1,10 @@
 #include "update/script_exe_messages.h"
 
-#include <securec.h>
-
 #include <new>
 
 #include "base/check.h"
 #include "comp/msg_codec.h"
+#include "securec.h"
 
 namespace TolaCmpMsg {
 namespace {

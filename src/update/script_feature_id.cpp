@@ -1,6 +1,5 @@
 #include "update/script_feature_id.h"
 
-#include <securec.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,6 +9,7 @@
 #include "base/result_codes.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "update/script_exe_ids.h"
 
 namespace {

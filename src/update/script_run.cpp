@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <securec.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,6 +17,7 @@
 #include "frame/sys_res_get.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "update/file_name_check.h"
 #include "update/script_exe_ids.h"
 #include "velto/kel_clock.h"

@@ -1,11 +1,10 @@
 #include "update/scritp_execuotr_comp.h"
 
-#include <securec.h>
-
 #include "base/result_codes.h"
 #include "comp/comp_msg.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "update/script_exe_common.h"
 #include "update/script_exe_messages.h"
 #include "update/script_feature_id.h"

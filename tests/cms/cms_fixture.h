@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "boundscheck/securec.h"
 #include "cms/signature_verify.h"
 #include "log/run_log.h"
+#include "securec.h"
 #include "support/temp_dir.h"
 #include "support/test_pki.h"
 #include "velto/kel_clock.h"

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <securec.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,6 +16,7 @@
 
 #include "comp/comp_manager.h"
 #include "comp/comp_msg.h"
+#include "securec.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "velto/kel_cfg.h"
