@@ -68,8 +68,9 @@ TEST_F(UpdateTest, RequestStartsTheDaemonAndRunsTheScriptOfTheVerifiedPackage) {
   EXPECT_THAT(log, HasSubstr("development root certificates"));
   EXPECT_THAT(log, HasSubstr("cmd:/mnt/update/good/update.sh /mnt/update/good/payload.bin"));
   EXPECT_THAT(log, HasSubstr("**buffer OK done"));
-  EXPECT_EQ(board_.Shell("stat -c %a:%u:%g " + std::string(kStoredCrl)).output,
-            board_.Shell("echo 600:$(id -u prorunacc):$(id -g prorunacc)").output)  // a board may have one id only
+  EXPECT_EQ(
+      board_.Shell("stat -c %a:%u:%g " + std::string(kStoredCrl)).output,
+      board_.Shell("echo 600:$(id -u prorunacc):$(id -g prorunacc)").output)  // a board may have one id only
       << "the list of the first update is stored, for the platform's account alone";
 
   board_.Shell("rm /mnt/payload.seen");
