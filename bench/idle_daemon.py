@@ -9,7 +9,7 @@ SCRIPT = r"""
 rm -rf /run/velto
 start=$(date +%s%N)
 /app_run/app_bin/script/update_common.sh
-while ! ls /run/velto/* >/dev/null 2>&1; do :; done
+while [ ! -e /run/velto/127.0.0.1_104 ]; do :; done
 end=$(date +%s%N)
 sleep 0.2
 pid=$(pidof update_active)

@@ -8,6 +8,9 @@ namespace velto {
 namespace {
 
 constexpr uint32_t kCountMax = 0x7FFFFFFF;
+/// Looks before a task sleeps: who holds a semaphore for the length of a system call gives it back sooner
+/// than a sleep and its wake-up take. The last ones give the processor away, to a holder that may need it.
+constexpr uint32_t kSpinTurns = 100;
 
 struct Semaphore {
   std::atomic<uint32_t> count;
@@ -20,6 +23,15 @@ bool TryTake(Semaphore& semaphore) {
   uint32_t count = semaphore.count.load(std::memory_order_relaxed);
   while (count > 0) {
     if (semaphore.count.compare_exchange_weak(count, count - 1, std::memory_order_acquire)) return true;
+  }
+  return false;
+}
+
+/// Whether the semaphore became free within a moment.
+bool TakeSoon(Semaphore& semaphore) {
+  for (uint32_t turn = 0; turn < kSpinTurns; ++turn) {
+    WaitBriefly(turn);
+    if (semaphore.count.load(std::memory_order_relaxed) > 0 && TryTake(semaphore)) return true;
   }
   return false;
 }
@@ -54,6 +66,7 @@ uint32_t KEL_SemaP(uint32_t semaId, uint32_t timeoutMs) {
   if (semaphore == nullptr) return kKelErrSyncId;
   if (velto::TryTake(*semaphore)) return 0;
   if (timeoutMs == 0) return kKelErrTimeout;
+  if (velto::TakeSoon(*semaphore)) return 0;
   const velto::Deadline deadline(timeoutMs);
   for (;;) {
     // The count is looked at after this thread is noted, and given before the note is read: one of the two
