@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 
+#include "velto/kel_cfg.h"
 #include "velto/kel_support.h"
 #include "velto/kel_sync.h"
 
@@ -97,6 +98,19 @@ TEST(KelTick, ArithmeticOnHalvesCarriesBorrowsAndRefusesWhatDoesNotFit) {
   EXPECT_EQ(KEL_64Add64(0xFFFFFFFF, 0xFFFFFFFF, 0, 1, &high, &low), 1u) << "a sum of 65 bits";
   EXPECT_EQ(KEL_64Div32(1, 1, 0, &high, &low, &rest), 1u);
   EXPECT_EQ(high + low + rest, 21u) << "a refused operation stored something";
+}
+
+TEST(KelCpuRate, ABusyProcessShowsInPercentOfTheMachine) {
+  (void)KEL_CpupUseRateGet();  // sets the mark that the next call compares with
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  uint32_t rate = 0;
+  while (rate == 0 && std::chrono::steady_clock::now() < end) {
+    const auto slice = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    while (std::chrono::steady_clock::now() < slice) continue;
+    rate = KEL_CpupUseRateGet();
+  }
+  EXPECT_GT(rate, 0u) << "this loop's own load was not seen";
+  EXPECT_LE(rate, 100u);
 }
 
 }  // namespace
