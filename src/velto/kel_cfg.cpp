@@ -32,6 +32,7 @@ constexpr CfgKey kKeys[] = {
     {"dms.peer_user", CfgKind::kText, 0, 32, 0, "", ""},
     {"feature.signature_enable", CfgKind::kNumber, 0, 0xFFFFFFFF, 0x00020001, nullptr, nullptr},
     {"feature.expired_crl", CfgKind::kChoice, 0, 0, 0, "refuse", "refuse|enforce"},
+    {"clock.control", CfgKind::kText, 0, 90, 0, "", "/"},
 };
 static_assert(std::size(kKeys) == kCfgKeyCount);
 
@@ -124,7 +125,9 @@ bool SetValue(const CfgKey& key, size_t index, string_view value, Values& values
       return true;
     }
     case CfgKind::kText:
-      if (value.size() < key.least || value.size() > key.most || !value.starts_with(key.rule)) {
+      // an empty text, where one is taken, stands for none and begins with nothing
+      if (value.size() < key.least || value.size() > key.most ||
+          !(value.empty() || value.starts_with(key.rule))) {
         return Refuse(reason, "%s takes a text of %" PRIu64 " to %" PRIu64 " characters%s%s", key.name,
                       key.least, key.most, *key.rule != '\0' ? " that begins with " : "", key.rule);
       }

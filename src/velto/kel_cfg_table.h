@@ -20,6 +20,7 @@ enum CfgKeyId : uint32_t {
   kCfgDmsPeerUser,
   kCfgSignatureEnable,
   kCfgExpiredCrl,
+  kCfgClockControl,
   kCfgKeyCount,
 };
 

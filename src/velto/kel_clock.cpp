@@ -223,6 +223,15 @@ void KEL_ClockAdvanceMs(uint64_t milliseconds) {
   velto::WakeSleepersOnce();
 }
 
+void KEL_ClockMonotonicMoveMs(uint64_t milliseconds) {
+  const std::lock_guard<std::mutex> guard(velto::gSwitchLock);
+  const velto::ClockView view = velto::View(velto::Read::kMonotonic);
+  const uint64_t left = (uint64_t{1} << 63) - view.Monotonic();
+  if (milliseconds > left / velto::kNsPerMs) return;
+  velto::Publish(view.mode, view.monotonicBase + milliseconds * velto::kNsPerMs, view.wallBase);
+  velto::WakeSleepersUntilGone();
+}
+
 void KEL_ClockWallSetNs(uint64_t nanoseconds) {
   const std::lock_guard<std::mutex> guard(velto::gSwitchLock);
   const velto::ClockView view = velto::View(velto::Read::kMonotonic);

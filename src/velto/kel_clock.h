@@ -2,7 +2,8 @@
 ///
 /// In manual mode time stands still until it is moved, and whoever waits with a time-out in the runtime wakes
 /// as soon as the moved time has passed it. With auto-advance, KEL_TaskDelay moves the time itself and
-/// returns at once, so that code full of delays runs in no time.
+/// returns at once, so that code full of delays runs in no time. On a development board the configuration
+/// key clock.control lets a FIFO move the monotonic clock of a running process on.
 #pragma once
 
 #include <stdint.h>
@@ -28,6 +29,11 @@ void KEL_ClockModeSet(uint32_t mode);
 
 /// Moves both clocks forward by `milliseconds` (manual modes; ignored in real mode).
 void KEL_ClockAdvanceMs(uint64_t milliseconds);
+
+/// Moves the monotonic clock alone on by `milliseconds`, in every mode; waits with a time-out that it passes
+/// end. A move past the end of time (2^63 ns) is ignored. What the configuration key clock.control does;
+/// nothing else in a product may.
+void KEL_ClockMonotonicMoveMs(uint64_t milliseconds);
 
 /// Sets the wall clock alone (manual modes; ignored in real mode).
 void KEL_ClockWallSetNs(uint64_t nanoseconds);

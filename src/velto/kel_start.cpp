@@ -4,10 +4,13 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "base/owners.h"
 #include "velto/kel_cfg.h"
+#include "velto/kel_cfg_table.h"
+#include "velto/kel_clock_control.h"
 #include "velto/kel_task.h"
 
 uint32_t (*g_pfnUsrAdjustHook)(void) = nullptr;
@@ -46,8 +49,14 @@ bool ReadCpuTimes(CpuTimes& times) {
 }  // namespace velto
 
 uint32_t KEL_Start([[maybe_unused]] void* reserved) {
+  static std::atomic<bool> started{false};
   uint32_t taskId = 0;
-  return KEL_TaskAdopt("main", &taskId);
+  const uint32_t result = KEL_TaskAdopt("main", &taskId);
+  if (result == 0 && !started.exchange(true)) {
+    char fifo[velto::kCfgTextSize] = "";
+    if (KEL_CfgTextGet("clock.control", fifo, sizeof(fifo)) == 0) velto::ClockControlStart(fifo);
+  }
+  return result;
 }
 
 uint32_t KEL_CpupUseRateGet(void) {

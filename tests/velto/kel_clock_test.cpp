@@ -1,11 +1,17 @@
 #include "velto/kel_clock.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <string>
 
+#include "support/temp_dir.h"
 #include "velto/kel_cfg.h"
+#include "velto/kel_clock_control.h"
 #include "velto/kel_support.h"
 #include "velto/kel_sync.h"
 
@@ -77,6 +83,68 @@ TEST(KelClock, AWaitThatBeganOnTheManualClockEndsByTheRealOne) {
   EXPECT_FALSE(done) << "manual time ran";
   KEL_ClockModeSet(kKelClockReal);
   EXPECT_TRUE(Eventually([&] { return done.load(); })) << "the sleeper still waits for manual time";
+}
+
+/// What standard output got while `call` ran.
+template <class Call>
+std::string Printed(Call call) {
+  testing::internal::CaptureStdout();
+  call();
+  return testing::internal::GetCapturedStdout();
+}
+
+// Over the configuration, as a development board uses it: the file is read, the runtime started.
+TEST(KelClockControl, ALineMovesTheMonotonicClockOnAndEndsTheWaitsThatItPassesButLeavesTheWallClock) {
+  const support::TempDir dir;
+  const std::string fifo = dir.File("clock");
+  ASSERT_EQ(KEL_CfgdbInitByFsldr(dir.Write("cfg", "clock.control=" + fifo + "\n").c_str()), 0u);
+  EXPECT_NE(Printed([] { EXPECT_EQ(KEL_Start(nullptr), 0u); }), "") << "a movable clock must be told of";
+  EXPECT_EQ(Printed([] { EXPECT_EQ(KEL_Start(nullptr), 0u); }), "") << "the second start did something";
+  EXPECT_EQ(KEL_CfgdbInitByFsldr(dir.Write("cfg", "").c_str()), 0u);
+  struct stat status {};
+  ASSERT_EQ(stat(fifo.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode, mode_t{S_IFIFO | 0600});
+
+  uint32_t sema = 0;
+  ASSERT_EQ(KEL_SemaCreate("control", 0, 0, &sema), 0u);
+  TestTask waiter("waiter", [&] { EXPECT_EQ(KEL_SemaP(sema, kTenMinutes), kKelErrTimeout); });
+  ASSERT_TRUE(FallsAsleep(waiter.id()));
+  const uint64_t before = KEL_ClockMonotonicNs();
+  const uint64_t wall = KEL_ClockWallNs();
+  // Each wrong line is skipped by itself: 300000 twice is what counts.
+  std::ofstream(fifo) << "300000\n-1\n0\n86400001\n12x\n\n18446744073709551617\n" + std::string(70000, '9') +
+                             "\n300000\n";
+  waiter.Join();
+  const uint64_t passed = KEL_ClockMonotonicNs() - before;
+  EXPECT_GE(passed, kTenMinutes * kMs);
+  EXPECT_LT(passed, 2 * kTenMinutes * kMs) << "a wrong line moved the clock";
+  EXPECT_LT(KEL_ClockWallNs() - wall, kTenMinutes / 2 * kMs) << "what certificates are checked by was moved";
+  EXPECT_EQ(KEL_SemaDelete(sema), 0u);
+  EXPECT_EQ(Printed([&] { velto::ClockControlStart(fifo.c_str()); }),
+            "clock.control " + fifo + ": another process reads it\n");
+}
+
+TEST(KelClockControl, WhatIsNoFifoOfThisUserAloneIsLeftAloneWithALine) {
+  const support::TempDir dir;
+  ASSERT_EQ(mkfifo(dir.File("own").c_str(), 0600), 0);
+  ASSERT_EQ(symlink(dir.File("own").c_str(), dir.File("link").c_str()), 0);
+  ASSERT_EQ(mkfifo(dir.File("open").c_str(), 0600), 0);
+  ASSERT_EQ(chmod(dir.File("open").c_str(), 0620), 0);
+  (void)dir.Write("file", "kept");
+  const struct {
+    const char* name;
+    const char* reason;
+  } rows[] = {
+      {"file", "no FIFO"}, {"link", "no FIFO"}, {"open", "others may open"}, {"none/fifo", "No such file"}};
+  const uint32_t tasks = KEL_TaskMaxIdGet();
+  for (const auto& row : rows) {
+    const std::string path = dir.File(row.name);
+    const std::string line = Printed([&] { velto::ClockControlStart(path.c_str()); });
+    EXPECT_NE(line.find(path + ": "), std::string::npos) << line;
+    EXPECT_NE(line.find(row.reason), std::string::npos) << line;
+  }
+  EXPECT_EQ(Printed([] { velto::ClockControlStart(""); }), "") << "no key, nothing open";
+  EXPECT_EQ(KEL_TaskMaxIdGet(), tasks) << "a refused file is read";
 }
 
 TEST(KelTick, ArithmeticOnHalvesCarriesBorrowsAndRefusesWhatDoesNotFit) {
