@@ -13,6 +13,9 @@ PAIRS = [
     ("Encode", "EncodeProtobuf", "request encoded", 0.50),
     ("Parse/views", "ParseProtobuf", "request parsed without copies", 0.20),
     ("Parse/copies", "ParseProtobuf", "request parsed with copies", 1.00),
+    ("OneThread", "OneThreadMutex", "a message posted and received", 0.65),
+    ("Stream/real_time/threads:2", "StreamMutex/real_time/threads:2", "messages streaming between threads", 0.90),
+    ("Stream/real_time/threads:2", "StreamEventfd/real_time/threads:2", "the same", 0.35),
 ]
 
 times = {}
