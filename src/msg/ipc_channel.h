@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/ipc.h>
+#include <sys/types.h>
 
 #include "msg/ipc_frame.h"
 
@@ -23,6 +24,9 @@ inline constexpr long kIpcClassLast = 5;
 
 inline constexpr uint32_t kIpcSendWaitMs = 20;  ///< at a full queue, each time ...
 inline constexpr uint32_t kIpcSendWaits = 250;  ///< ... and that often: 5 s
+
+/// User and group id of the account `user`. @retval 1 there is none
+[[nodiscard]] uint32_t IpcUserGet(const char* user, uid_t* uid, gid_t* gid);
 
 /// Whether an IPC object is the platform's own: owner and creator are this process's user, the superuser or
 /// kIpcOwner, and nobody else may touch it.
@@ -82,14 +86,14 @@ class IpcQueueReader {
 
   /// Takes the next frame of the lowest class without waiting. `*size` is what came behind the type word.
   /// `*sender` is the process that sent it, where the queue held nothing else; 0 where that is not known.
-  /// A message that is too long for a frame is thrown away and comes as kIpcErrFrame.
+  /// A message that is too long for a frame, or of a class that nobody reads, comes as kIpcErrFrame: it is
+  /// gone from the queue, and not to be used.
   /// @retval kIpcErrEmpty @retval kIpcErrFrame
   [[nodiscard]] uint32_t Read(IPC_MSG_S* frame, size_t* size, uint32_t* sender);
 
-  /// Throws away messages of classes that nobody reads, which would fill the queue for good; gives their
-  /// number. To be called now and then while Read finds nothing.
-  uint32_t DropStrangers();
-
  private:
+  ssize_t Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const;
+
   int32_t queueId_;
+  bool empty_ = false;  ///< the queue was, when it was last looked at
 };

@@ -1,0 +1,162 @@
+#include "msg/ipc_channel.h"
+
+#include <errno.h>
+#include <pwd.h>
+#include <sched.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/result_codes.h"
+#include "log/run_log.h"
+#include "msg/semap.h"
+#include "velto/kel_task.h"
+
+namespace {
+
+constexpr uint16_t kLogModule = 0;
+constexpr int kMode = 0600;
+constexpr mode_t kModeOthers = 0077;
+constexpr size_t kUserBuffer = 1024;
+
+/// The wait at a full queue: it holds four full frames, so a reader that is awake has made room within
+/// microseconds; one that sleeps or is stuck is asked less and less often.
+class RoomWait {
+ public:
+  /// False when 5 s have been waited already.
+  bool Next() {
+    if (yields_ < kYields) {
+      ++yields_;
+      (void)sched_yield();
+      return true;
+    }
+    if (waitedMs_ >= kIpcSendWaits * kIpcSendWaitMs) return false;
+    KEL_TaskDelay(delayMs_);
+    waitedMs_ += delayMs_;
+    delayMs_ = std::min(delayMs_ * 2, kIpcSendWaitMs);
+    return true;
+  }
+
+ private:
+  static constexpr uint32_t kYields = 1000;
+  uint32_t yields_ = 0;
+  uint32_t delayMs_ = 1;
+  uint32_t waitedMs_ = 0;
+};
+
+bool PutFrame(int32_t queueId, const IPC_MSG_S& frame, IpcWait wait) {
+  RoomWait room;
+  while (msgsnd(queueId, &frame, kIpcFrameHead + frame.length, IPC_NOWAIT) != 0) {
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN || wait == IpcWait::kNever || !room.Next()) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+uint32_t IpcUserGet(const char* user, uid_t* uid, gid_t* gid) {
+  struct passwd entry = {};
+  struct passwd* found = nullptr;
+  char buffer[kUserBuffer];
+  if (getpwnam_r(user, &entry, buffer, sizeof(buffer), &found) != 0 || found == nullptr) return kFailure;
+  *uid = entry.pw_uid;
+  *gid = entry.pw_gid;
+  return kSuccess;
+}
+
+bool IpcIsOurs(const struct ipc_perm& perm) {
+  uid_t platform = geteuid();
+  gid_t group = 0;
+  (void)IpcUserGet(kIpcOwner, &platform, &group);  // without the account it is ourselves and the superuser
+  const auto known = [platform](uid_t uid) { return uid == geteuid() || uid == 0 || uid == platform; };
+  return known(perm.uid) && known(perm.cuid) && (perm.mode & kModeOthers) == 0;
+}
+
+uint32_t IpcQueueOpen(key_t key, int32_t* queueId) {
+  *queueId = msgget(key, IPC_CREAT | kMode);
+  struct msqid_ds state = {};
+  if (*queueId >= 0 && msgctl(*queueId, IPC_STAT, &state) == 0) {
+    if (IpcIsOurs(state.msg_perm)) return kSuccess;
+    errno = EPERM;
+  }
+  *queueId = -1;
+  return kFailure;
+}
+
+uint32_t IpcQueueRemove(int32_t queueId) {
+  return msgctl(queueId, IPC_RMID, nullptr) == 0 ? kSuccess : kFailure;
+}
+
+uint32_t ChangeQueenOwner(int32_t queueId, const char* user) {
+  struct msqid_ds state = {};
+  if (msgctl(queueId, IPC_STAT, &state) != 0) return kFailure;
+  if (IpcUserGet(user, &state.msg_perm.uid, &state.msg_perm.gid) != 0) return kFailure;
+  return msgctl(queueId, IPC_SET, &state) == 0 ? kSuccess : kFailure;
+}
+
+uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state) {
+  struct msqid_ds kernel = {};
+  if (msgctl(queueId, IPC_STAT, &kernel) != 0) return kFailure;
+  *state = {kernel.msg_qnum,  kernel.msg_cbytes, kernel.msg_qbytes,
+            kernel.msg_stime, kernel.msg_rtime,  static_cast<uint32_t>(kernel.msg_lspid)};
+  return kSuccess;
+}
+
+uint32_t IpcSendFrame(const IpcTarget& target, const IPC_MSG_S& frame, IpcWait wait) {
+  if (frame.length > kIpcPayloadMax || !PutFrame(target.queueId, frame, wait)) return kIpcErrSend;
+  if (target.semaphoreId != kSemapNone && OperSemap(target.semaphoreId, 1, 0) != 0) {
+    LOG_ERR(kLogModule, "semap oper failed.");
+  }
+  return kSuccess;
+}
+
+uint32_t IpcSendMessage(const IpcTarget& target, const IpcEnvelope& envelope, const tagMsgBuf* msg,
+                        IpcWait wait) {
+  IPC_MSG_S frame;  // not cleared: IpcCutFrame fills what is sent of the payload
+  frame.type = envelope.priorityClass;
+  frame.sourcePid = envelope.sourcePid;
+  frame.destinationPid = target.pid;
+  frame.sequence = envelope.sequence;
+  frame.urgent = envelope.urgent ? 1 : 0;
+  frame.reserved = 0;
+  const uint32_t count = IpcFrameCount(GetTolaMsgLen(msg));
+  for (uint32_t index = 0; index < count; ++index) {
+    IpcCutFrame(msg, index, &frame);
+    const uint32_t ret = IpcSendFrame(target, frame, wait);
+    if (ret != 0) return ret;
+  }
+  return kSuccess;
+}
+
+/// Takes the next message of the lowest class; with `any` set the oldest of any class, also of those that
+/// nobody reads and that would fill the queue for good.
+ssize_t IpcQueueReader::Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const {
+  const long type = any ? 0 : -kIpcClassLast;
+  ssize_t got = msgrcv(queueId_, frame, kIpcFrameMax, type, IPC_NOWAIT);
+  if (got < 0 && errno == E2BIG) {  // it would stay in front for ever: take it cut, and throw it away
+    got = msgrcv(queueId_, frame, kIpcFrameMax, type, IPC_NOWAIT | MSG_NOERROR);
+    *ret = kIpcErrFrame;
+  }
+  if (got >= 0 && frame->type > kIpcClassLast) *ret = kIpcErrFrame;
+  return got;
+}
+
+uint32_t IpcQueueReader::Read(IPC_MSG_S* frame, size_t* size, uint32_t* sender) {
+  *size = 0;
+  *sender = 0;
+  uint32_t ret = kSuccess;
+  IpcQueueState state = {};
+  const bool before = empty_;
+  ssize_t got = Receive(frame, false, &ret);
+  if (got < 0) {
+    empty_ = IpcQueueStateGet(queueId_, &state) == 0 && state.messages == 0;
+    if (empty_ || (got = Receive(frame, true, &ret)) < 0) return kIpcErrEmpty;
+  }
+  // Empty before and empty after: this one alone was sent meanwhile, and the queue knows by whom.
+  empty_ = IpcQueueStateGet(queueId_, &state) == 0 && state.messages == 0;
+  if (before && empty_) *sender = state.sender;
+  *size = static_cast<size_t>(got);
+  return ret;
+}
