@@ -242,12 +242,17 @@ uint32_t tola_excev_no_log(const char* file, uint32_t line, const char* command,
 }
 
 uint32_t TOLA_SystemSudoWithoutParam(const char* scriptName) {
+  return TOLA_SystemSudoWithParam(scriptName, "");
+}
+
+uint32_t TOLA_SystemSudoWithParam(const char* scriptName, const char* parameter) {
   if (scriptName == nullptr || *scriptName == '\0' || strchr(scriptName, '/') != nullptr) return 1;
-  if (CheckSpecialCharWithWhiteList(scriptName, nullptr) != 0) return 1;
-  char command[256];
+  if (CheckSpecialCharWithWhiteList(scriptName, nullptr) != 0 || parameter == nullptr) return 1;
+  char command[kCmdBufferSize];
   const char* prefix = geteuid() == 0 ? "" : "sudo ";
-  if (snprintf_s(command, sizeof(command), sizeof(command) - 1, "%s%s%s", prefix, kScriptFolder, scriptName) <
-      0) {
+  const char* blank = *parameter == '\0' ? "" : " ";
+  if (snprintf_s(command, sizeof(command), sizeof(command) - 1, "%s%s%s%s%s", prefix, kScriptFolder,
+                 scriptName, blank, parameter) < 0) {
     return 1;
   }
   return TOLA_System(command);

@@ -26,7 +26,7 @@ inline constexpr char kDefaultWhiteList[] =
 inline constexpr char kExWhiteList[] =
     "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_./- *\"()";
 
-/// Folder of the scripts that TOLA_SystemSudoWithoutParam runs.
+/// Folder of the scripts that the sudo runners run.
 inline constexpr char kScriptFolder[] = "/app_run/app_bin/script/";
 
 // Command runners. A child inherits descriptors 0 to 2 only.
@@ -59,6 +59,10 @@ inline constexpr char kScriptFolder[] = "/app_run/app_bin/script/";
 /// Runs a script of kScriptFolder by its bare name, through sudo unless the process is root's.
 /// @retval 1 the name is null, empty, too long or not bare, nothing ran @retval other TOLA_System's
 [[nodiscard]] uint32_t TOLA_SystemSudoWithoutParam(const char* scriptName);
+/// The same with `parameter` behind the name, for this process's shell: a redirection in it is done with this
+/// process's rights. The caller answers for its characters.
+/// @retval 1 also for a null or too long parameter
+[[nodiscard]] uint32_t TOLA_SystemSudoWithParam(const char* scriptName, const char* parameter);
 
 // Character checks. None logs but CheckCmdSpecialChar.
 

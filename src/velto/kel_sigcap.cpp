@@ -60,5 +60,5 @@ void KEL_SigcapDefault(int signal) {
   sigaddset(&only, signal);
   (void)syscall(SYS_tgkill, getpid(), syscall(SYS_gettid), signal);
   (void)pthread_sigmask(SIG_UNBLOCK, &only, nullptr);  // it is delivered here if it was blocked
-  _exit(kExitBySignal + signal);
+  _exit(velto::kExitBySignal + signal);
 }
