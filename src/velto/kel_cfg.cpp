@@ -33,6 +33,7 @@ constexpr CfgKey kKeys[] = {
     {"feature.signature_enable", CfgKind::kNumber, 0, 0xFFFFFFFF, 0x00020001, nullptr, nullptr},
     {"feature.expired_crl", CfgKind::kChoice, 0, 0, 0, "refuse", "refuse|enforce"},
     {"clock.control", CfgKind::kText, 0, 90, 0, "", "/"},
+    {"debug.core", CfgKind::kChoice, 0, 0, 0, "off", "off|on"},
 };
 static_assert(std::size(kKeys) == kCfgKeyCount);
 

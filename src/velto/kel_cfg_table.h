@@ -21,6 +21,7 @@ enum CfgKeyId : uint32_t {
   kCfgSignatureEnable,
   kCfgExpiredCrl,
   kCfgClockControl,
+  kCfgDebugCore,
   kCfgKeyCount,
 };
 
