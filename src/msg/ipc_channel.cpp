@@ -99,8 +99,13 @@ uint32_t ChangeQueenOwner(int32_t queueId, const char* user) {
 uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state) {
   struct msqid_ds kernel = {};
   if (msgctl(queueId, IPC_STAT, &kernel) != 0) return kFailure;
-  *state = {kernel.msg_qnum,  kernel.msg_cbytes, kernel.msg_qbytes,
-            kernel.msg_stime, kernel.msg_rtime,  static_cast<uint32_t>(kernel.msg_lspid)};
+  *state = {kernel.msg_qnum,
+            kernel.msg_cbytes,
+            kernel.msg_qbytes,
+            kernel.msg_stime,
+            kernel.msg_rtime,
+            static_cast<uint32_t>(kernel.msg_lspid),
+            static_cast<uint32_t>(kernel.msg_lrpid)};
   return kSuccess;
 }
 

@@ -46,7 +46,8 @@ struct IpcQueueState {
   uint64_t bytesMax;
   int64_t sentAt;  ///< the kernel's second of the last send, 0 for never
   int64_t readAt;
-  uint32_t sender;  ///< process of the last send
+  uint32_t sender;  ///< process of the last send, 0 for none
+  uint32_t reader;  ///< ... and of the last read
 };
 /// @retval 1 the queue is gone or not ours
 [[nodiscard]] uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state);

@@ -9,6 +9,8 @@
 
 #include <stdint.h>
 
+#include "msg/ipc_registry.h"
+
 inline constexpr uint32_t kIpcErrHandle = 41218;     ///< 0xA102: no memory handle
 inline constexpr uint32_t kIpcErrOwnKey = 41219;     ///< 0xA103: the application's path does not exist
 inline constexpr uint32_t kIpcErrMainQueue = 41220;  ///< 0xA104: the main queue cannot be had, or is foreign
@@ -17,10 +19,6 @@ inline constexpr uint32_t kIpcErrRemove = 41222;  ///< 0xA106: ... or not be mad
 inline constexpr uint32_t kIpcErrTask = 41225;    ///< 0xA109: a task could not be started
 inline constexpr uint32_t kIpcErrTimer = 41227;   ///< 0xA10B: the timer could not be started
 inline constexpr uint32_t kIpcErrSemap = 41265;   ///< 0xA131: a semaphore cannot be had, or is foreign
-inline constexpr uint32_t kIpcErrTableSema = 49409;  ///< 0xC101: "FEATURE_IPC_SEMA" could not be made
-inline constexpr uint32_t kIpcErrTableTake = 49413;  ///< 0xC105: "FEATURE_IPC_SEMA" could not be taken
-inline constexpr uint32_t kIpcErrModule = 49415;     ///< 0xC107: a module id outside both ranges
-inline constexpr uint32_t kIpcErrLocal = 49419;      ///< 0xC10B: a module of this very process
 
 struct TOLA_APP_MODULE_INFO_S {
   uint16_t moduleId;
@@ -57,9 +55,8 @@ struct TOLA_APP_REG_INFO_S {
 /// @retval 1 not initialised, unknown operation, or null @retval kIpcErrTableTake
 [[nodiscard]] uint32_t TolaFeatureAppModuleIDChangeNotify(uint32_t operation, uint32_t count,
                                                           const uint16_t* ids);
-/// Announces the component `csi` under its module id, 4096 + csi. Without effect, and 0, before the manager
-/// is initialised.
-/// @retval other TolaFeatureAppModuleIDChangeNotify's
+/// Announces the component `csi`, whose module id it is. Without effect, and 0, before the manager is
+/// initialised. @retval other TolaFeatureAppModuleIDChangeNotify's
 [[nodiscard]] uint32_t TolaFeatureAppCompIDAddNotify(uint32_t csi);
 
 /// Lets the next tick ask the main process for this application's own restart.

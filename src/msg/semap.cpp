@@ -57,6 +57,10 @@ int32_t GetSemapVal(int32_t semaphoreId) {
   return semctl(semaphoreId, kOnly, GETVAL);
 }
 
+void DrainSemap(int32_t semaphoreId) {
+  (void)SetSemapVal(semaphoreId, 0);  // a semaphore that is gone has nothing to take off
+}
+
 uint32_t DeleteSemap(int32_t semaphoreId) {
   return semctl(semaphoreId, kOnly, IPC_RMID) == 0 ? kSuccess : kFailure;
 }

@@ -1,0 +1,128 @@
+/// What this process and the main process tell each other.
+///
+/// Nothing here waits for room in the main process's queue but a request for a restart: registration,
+/// changes and heart beats are tried once and tried again later, so that a main process that does not read
+/// holds up nobody.
+#include <errno.h>
+#include <signal.h>
+
+#include <memory>
+
+#include "base/result_codes.h"
+#include "log/run_log.h"
+#include "msg/ipc_manager_impl.h"
+#include "securec.h"
+
+namespace {
+
+constexpr uint16_t kLogModule = 0;
+constexpr uint32_t kChangeIdsMax = 1024;  ///< of one message; it travels in one frame
+
+using MsgPtr = std::unique_ptr<tagMsgBuf, decltype([](tagMsgBuf* msg) { TOLA_MsgFree(msg); })>;
+
+/// Whether process `pid` exists.
+bool IsAlive(uint32_t pid) {
+  return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+}
+
+}  // namespace
+
+IpcTarget CIpcManager::MainTarget() const {
+  return {mainQueueId_.load(std::memory_order_relaxed), endpoint_.publicSemapId, registry_.mainPid()};
+}
+
+uint32_t CIpcManager::SendToMain(uint16_t type, const void* data, uint32_t length, IpcWait wait) {
+  const MsgPtr msg(TOLA_MsgAlloc(kIpcModule, type, 0, length));
+  if (msg == nullptr || memcpy_s(TolaMsgData(msg.get()), length, data, length) != EOK) return kFailure;
+  msg->destination = kIpcModule;
+  const IpcEnvelope envelope = {classes_.ClassOf(type, false), pid_, GetAppIpcSeq(), false};
+  return IpcSendMessage(MainTarget(), envelope, msg.get(), wait);
+}
+
+uint32_t CIpcManager::RegAppInfo() {
+  struct {
+    IpcRegisterMsg head;
+    uint16_t ids[kIpcRegisterIdsMax];
+  } message = {};
+  IpcRegisterMsg& head = message.head;
+  head.version = kIpcMainMsgVersion;
+  head.pid = pid_;
+  head.queueId = static_cast<uint32_t>(endpoint_.queueId);
+  head.semaphoreId = endpoint_.semapId;
+  head.moduleId = moduleId_;
+  head.supervise = info_.supervise;
+  head.appArmRestart = info_.appArmRestart;
+  head.intervalMs = info_.heartBeatIntervalMs;
+  head.timeoutS = info_.superviseTimeoutS;
+  if (strcpy_s(head.name, sizeof(head.name), info_.name) != EOK) return kErrCopy;
+  if (strcpy_s(head.versionText, sizeof(head.versionText), info_.version) != EOK) return kErrCopy;
+  head.count = static_cast<uint16_t>(registry_.LocalModules(message.ids, kIpcRegisterIdsMax));
+  const auto length = static_cast<uint32_t>(sizeof(head) + head.count * sizeof(uint16_t));
+  return SendToMain(kIpcRegister, &message, length, IpcWait::kNever);
+}
+
+uint32_t CIpcManager::SendChanges(uint16_t operation, uint32_t count, const uint16_t* ids) {
+  struct {
+    IpcModuleChangeMsg head;
+    uint16_t ids[kChangeIdsMax];
+  } message = {};
+  if (count == 0 || count > kChangeIdsMax) return kFailure;
+  message.head = {pid_, operation, static_cast<uint16_t>(count)};
+  const auto size = static_cast<uint32_t>(count * sizeof(uint16_t));
+  if (memcpy_s(message.ids, sizeof(message.ids), ids, size) != EOK) return kErrCopy;
+  return SendToMain(kIpcModuleChange, &message, static_cast<uint32_t>(sizeof(message.head) + size),
+                    IpcWait::kNever);
+}
+
+/// One beat a tick, unless an earlier one may still lie unread: the main process's queue is everybody's.
+void CIpcManager::SendHeartBeat() {
+  const int32_t queueId = mainQueueId_.load(std::memory_order_relaxed);
+  IpcQueueState state = {};
+  if (IpcQueueStateGet(queueId, &state) != 0) return;
+  if (state.messages != 0 && state.readAt <= beatSentAt_) return;
+  const IpcHeartBeatMsg beat = {pid_, ++beats_};
+  if (SendToMain(kIpcHeartBeat, &beat, sizeof(beat), IpcWait::kNever) != 0) return;
+  if (IpcQueueStateGet(queueId, &state) == 0) beatSentAt_ = state.sentAt;
+}
+
+/// Once a second: sees to it that the main process knows this process, and knows it right.
+void CIpcManager::WatchMain() {
+  IpcQueueState state = {};
+  const int32_t queueId = mainQueueId_.load(std::memory_order_relaxed);
+  if (IpcQueueStateGet(queueId, &state) != 0) {
+    int32_t again = -1;
+    if (IpcMainQueueOpen(&again) == 0) mainQueueId_.store(again, std::memory_order_relaxed);
+    registry_.ForgetMain();
+  }
+  const uint32_t mainPid = registry_.mainPid();
+  const bool other = state.reader != 0 && state.reader != mainPid;  // a new one reads already
+  if (mainPid != 0 && (other || !IsAlive(mainPid))) registry_.ForgetMain();
+  if (registry_.mainPid() == 0) {
+    const uint32_t ret = RegAppInfo();
+    if (ret != 0) LOG_WRN(kLogModule, "RegAppInfo err:%#x", ret);
+    return;
+  }
+  for (const uint16_t operation : {kIpcModuleAdded, kIpcModuleRemoved}) {
+    uint16_t ids[kChangeIdsMax];
+    const uint32_t count = registry_.Differences(operation, ids, kChangeIdsMax);
+    if (count != 0) (void)SendChanges(operation, count, ids);  // again in a second, until the map shows them
+  }
+}
+
+uint32_t CIpcManager::HandleInner(const tagMsgBuf* msg, uint32_t sourcePid) {
+  const uint8_t* data = TolaMsgData(msg);
+  const uint32_t length = GetTolaMsgLen(msg);
+  if (msg->type == kIpcAcknowledge) {
+    IpcAcknowledgeMsg acknowledge = {};
+    if (length != sizeof(acknowledge)) return kFailure;
+    if (memcpy_s(&acknowledge, sizeof(acknowledge), data, length) != EOK) return kErrCopy;
+    if (acknowledge.mainPid != sourcePid) return kFailure;
+    return registry_.TakeAcknowledge(acknowledge);
+  }
+  if (msg->type == kIpcReboot) {  // the main process wants this one to ask for its own restart
+    if (sourcePid != registry_.mainPid() || info_.appArmRestart == 0) return kFailure;
+    FlagAppArmRestart();
+    return kSuccess;
+  }
+  return kFailure;
+}
