@@ -30,6 +30,7 @@ using FaultExportFileHook = void (*)(const char* path);
 [[nodiscard]] uint32_t MemLeakInit();
 
 /// Writes the memory that is out now into `path` (made with mode 0600, replaced): one line a place with its
-/// tag, source, line, number of blocks and bytes, largest first, then a line with the sums.
+/// tag, source, line, number of blocks and bytes, largest first, then a line with the sums. Null is the leak
+/// record path.
 /// @retval 0 @retval 1 the file cannot be made or written
 [[nodiscard]] uint32_t TOLA_MemLeakDump(const char* path);

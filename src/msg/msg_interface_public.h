@@ -168,6 +168,10 @@ class MsgMemStatisticBase {
  public:
   virtual void OnAlloc(uint32_t source, uint32_t length) = 0;
   virtual void OnFree(uint32_t source, uint32_t length) = 0;
+  /// Asked by a debug request: count `moduleId`'s messages from now on or no more, and print what was
+  /// counted.
+  virtual void Switch(uint16_t /*moduleId*/, bool /*on*/) {}
+  virtual void Print(uint16_t /*moduleId*/) {}
 
  protected:
   ~MsgMemStatisticBase() = default;

@@ -1,0 +1,164 @@
+#include "fault/feature_fault_manager.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include "base/result_codes.h"
+#include "fault/fault_debug.h"
+#include "log/run_log.h"
+#include "msg/heart_beat_manager.h"
+#include "velto/kel_mem.h"
+#include "velto/kel_sync.h"
+#include "velto/kel_task.h"
+
+namespace {
+
+constexpr uint16_t kLogModule = 0;
+constexpr uint16_t kFaultManagerModule = 6;  ///< the platform's, in its main process
+
+// Message types.
+constexpr uint16_t kMsgRegister = 2572;  ///< to the fault manager; from it: acknowledged
+constexpr uint16_t kMsgDebug = 2573;
+constexpr uint16_t kMsgRegisterAgain = 41696;
+
+constexpr uint32_t kTaskPriority = 3;
+constexpr uint32_t kSecondMs = 1000;
+constexpr uint32_t kEventSecond = 0x8000;
+constexpr uint32_t kEventMsg = 0x4000;
+constexpr uint32_t kQueueLength = 32;
+constexpr uint16_t kHeartBeatId = 4;
+constexpr uint16_t kHeartBeatTimeoutS = 1800;
+
+constexpr int kHeartTimeoutSignal = 46;
+constexpr uint32_t kRecordMs = 2000;
+constexpr int kStuckTaskStatus = 17;
+
+constexpr size_t kTimerSlots = 6;
+std::array<std::atomic<FaultTimer1sFunc>, kTimerSlots> g_timerSlots = {};
+
+}  // namespace
+
+uint32_t FaultRegTimer1sFunc(FaultTimer1sFunc callback) {
+  if (callback == nullptr) return kFailure;
+  for (std::atomic<FaultTimer1sFunc>& slot : g_timerSlots) {
+    FaultTimer1sFunc none = nullptr;
+    if (slot.compare_exchange_strong(none, callback)) return kSuccess;
+  }
+  return kFailure;
+}
+
+uint32_t FeatureFaultMgrReg(uint16_t moduleId, int32_t pid) {
+  if (moduleId >= kMsgDefaultMaxModule || pid < 1) return kFaultErrRegister;
+  const auto bits = static_cast<uint32_t>(pid);
+  const uint16_t data[4] = {0, moduleId, static_cast<uint16_t>(bits & 0xFFFF),
+                            static_cast<uint16_t>(bits >> 16)};
+  return SendSimpleFormatMsg(moduleId, kFaultManagerModule, kMsgRegister, 0, sizeof(data), data);
+}
+
+void FaultRecordStuckTask(uint32_t taskId) {
+  pthread_t thread = {};
+  if (KEL_TaskIsValid(taskId) == 0 || KEL_TaskPthreadGet(taskId, &thread) != 0) thread = pthread_self();
+  (void)pthread_kill(thread, kHeartTimeoutSignal);  // a record that fails does not keep the process alive
+  KEL_TaskDelay(kRecordMs);
+  _exit(kStuckTaskStatus);
+}
+
+CFeatureFaultManager* TolaGetFaultMgr() {
+  static CFeatureFaultManager manager;
+  static const bool isThere = [] {
+    uint32_t handle = 0;
+    return KEL_HandleInitialize("Fault manager", &handle) == 0;
+  }();
+  return isThere ? &manager : nullptr;
+}
+
+uint32_t TOLA_FaultManagerInit(const TOLA_FAULT_MGR_CFG_S* cfg) {
+  CFeatureFaultManager* manager = TolaGetFaultMgr();
+  return manager != nullptr ? manager->Init(cfg) : kFailure;
+}
+
+uint32_t CFeatureFaultManager::Init(const TOLA_FAULT_MGR_CFG_S* cfg) {
+  if (cfg == nullptr) return kFaultErrNullCfg;
+  if (isStarted_.exchange(true)) return kFailure;
+  moduleId_ = cfg->moduleId;
+  RegTaskInfoRecordFunc(FaultRecordStuckTask);
+
+  const uintptr_t args[4] = {reinterpret_cast<uintptr_t>(this), 0, 0, 0};
+  uint32_t taskId = 0;
+  if (KEL_TaskCreate("FaultMgr", &taskId, TaskEntry, kTaskPriority, 0, 0, args) != 0) {
+    isStarted_ = false;
+    return kFailure;
+  }
+  uint32_t timerId = 0;
+  uint32_t result = KEL_ReltmrCbkStart(kSecondMs, kKelTimerRepeat, OnSecond, taskId, &timerId);
+  if (result != 0) return result;
+  result = TOLA_MsgModuleRegister(moduleId_, taskId, kEventMsg, kQueueLength);
+  if (result != 0) return result;
+  Register();
+  LOG_EVT(kLogModule, "feature fault manager init ok");
+  return kSuccess;
+}
+
+void CFeatureFaultManager::OnSecond(uintptr_t taskId) {
+  (void)KEL_EventWrite(static_cast<uint32_t>(taskId), kEventSecond);  // the task never ends
+}
+
+void CFeatureFaultManager::TaskEntry(uintptr_t manager, uintptr_t, uintptr_t, uintptr_t) {
+  reinterpret_cast<CFeatureFaultManager*>(manager)->Run();
+}
+
+void CFeatureFaultManager::Run() {
+  // Not supervised without the heart-beat manager, or when its table is full; it has logged that.
+  (void)TOLA_RegHeartBeatId(kHeartBeatId, kHeartBeatTimeoutS, 0);
+  for (;;) {
+    uint32_t received = 0;
+    if (KEL_EventRead(kEventSecond | kEventMsg, &received, kKelEventAny, KEL_WAIT_FOREVER) != 0) continue;
+    if ((received & kEventSecond) != 0) ProcessSecond();
+    if ((received & kEventMsg) != 0) DrainQueue();
+  }
+}
+
+void CFeatureFaultManager::ProcessSecond() {
+  for (const std::atomic<FaultTimer1sFunc>& slot : g_timerSlots) {
+    if (const FaultTimer1sFunc callback = slot.load(); callback != nullptr) (void)callback();
+  }
+  if (isRegistered_ == 0) Register();
+  (void)TOLA_SendThreadHeartBeat();  // the heart-beat manager logs a task that it does not know
+}
+
+void CFeatureFaultManager::Register() {
+  // Whether it arrives or not, it is sent again until it is acknowledged.
+  (void)FeatureFaultMgrReg(moduleId_, getpid());
+}
+
+void CFeatureFaultManager::DrainQueue() {
+  tagMsgBuf* msg = nullptr;
+  while (TOLA_MsgRecv(moduleId_, &msg, 0) == 0) {
+    ProcessMsg(*msg);
+    TOLA_MsgFree(msg);
+  }
+}
+
+void CFeatureFaultManager::ProcessMsg(const tagMsgBuf& msg) {
+  if (msg.type == kMsgRegister) {
+    isRegistered_ = 1;
+    return;
+  }
+  if (msg.type == kMsgRegisterAgain) {
+    isRegistered_ = 0;
+    Register();
+    return;
+  }
+  uint32_t result = kFailure;
+  // Debug requests change what the process prints and writes: the platform's fault manager alone asks them.
+  if (msg.type == kMsgDebug && msg.source == kFaultManagerModule) {
+    result = FaultDebugRequest(TolaMsgData(&msg), GetTolaMsgLen(&msg));
+  }
+  if (result != 0) {
+    LOG_ERR(kLogModule, "%d->%d Ty:%#x Err:%#x", msg.source, msg.destination, msg.type, result);
+  }
+  if (msg.source == moduleId_) return;  // a reply to oneself would be a request that is replied to, for ever
+  const auto answer = static_cast<uint16_t>(result);
+  (void)SendSimpleFormatMsg(msg.destination, msg.source, msg.type, msg.subType, sizeof(answer),
+                            &answer);  // a reply that nobody takes is logged by the message manager
+}
