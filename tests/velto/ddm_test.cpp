@@ -1,0 +1,129 @@
+#include "velto/ddm.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "base/owners.h"
+#include "velto/kel_support.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+/// A forked process that takes a lock and holds it until it is told to end, or killed.
+class Holder {
+ public:
+  Holder(uint32_t (*take)(uint32_t, uint32_t), uint32_t lock) {
+    int taken[2];
+    int end[2];
+    EXPECT_EQ(pipe(taken) + pipe(end), 0);
+    process_ = fork();
+    if (process_ == 0) {
+      close(end[1]);
+      char byte = take(lock, 0) == 0 ? 'y' : 'n';
+      if (write(taken[1], &byte, 1) != 1) _exit(1);
+      (void)!read(end[0], &byte, 1);
+      _exit(0);
+    }
+    close(taken[1]);
+    close(end[0]);
+    end_.reset(end[1]);
+    const base::UniqueFd answer(taken[0]);
+    char byte = 0;
+    EXPECT_EQ(read(answer.get(), &byte, 1), 1);
+    EXPECT_EQ(byte, 'y') << "the lock was not free";
+  }
+  ~Holder() { End(); }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  void End() {
+    end_.reset();
+    if (process_ == 0) return;
+    EXPECT_EQ(waitpid(process_, nullptr, 0), process_);
+    process_ = 0;
+  }
+  [[nodiscard]] std::string Name() const { return "process " + std::to_string(process_); }
+
+ private:
+  base::UniqueFd end_;
+  pid_t process_ = 0;
+};
+
+std::string Shown(uint32_t group) {
+  testing::internal::CaptureStdout();
+  DDM_IpcRwLockShowInfo(group);
+  return testing::internal::GetCapturedStdout();
+}
+
+uint32_t NewLock(uint32_t group, const char* name) {
+  uint32_t lock = 0;
+  EXPECT_EQ(DDM_IpcRwLockCreate(group, name, &lock), 0u);
+  return lock;
+}
+
+TEST(Ddm, ReadersOfTwoProcessesShareALockThatAWriterHasAlone) {
+  const uint32_t lock = NewLock(1, "route");
+  EXPECT_EQ(NewLock(1, "route"), lock);
+  EXPECT_NE(NewLock(2, "route"), lock);
+  EXPECT_EQ(Shown(1), "ipc rwlock group 1: none held\n");
+  {
+    const Holder reader(DDM_IpcRwLockRLock, lock);
+    EXPECT_EQ(DDM_IpcRwLockWLock(lock, 0), kKelErrTimeout);
+    EXPECT_EQ(DDM_IpcRwLockRLock(lock, 0), 0u);
+    EXPECT_THAT(Shown(1), HasSubstr("route read by " + reader.Name()));
+    EXPECT_THAT(Shown(1), HasSubstr("route read by process " + std::to_string(getpid())));
+    EXPECT_EQ(Shown(2), "ipc rwlock group 2: none held\n");
+    EXPECT_EQ(DDM_IpcRwLockWUnlock(lock), kDdmErrHeld);
+    EXPECT_EQ(DDM_IpcRwLockRUnlock(lock), 0u);
+    EXPECT_EQ(DDM_IpcRwLockRUnlock(lock), kDdmErrHeld) << "the other process's hold was given back";
+  }
+  const Holder writer(DDM_IpcRwLockWLock, lock);
+  EXPECT_EQ(DDM_IpcRwLockRLock(lock, 0), kKelErrTimeout);
+  EXPECT_THAT(Shown(1), HasSubstr("route written by " + writer.Name()));
+}
+
+TEST(Ddm, WhatADeadHolderHadIsTakenOverAndShownAsSuch) {
+  const uint32_t lock = NewLock(0, "dead");
+  Holder writer(DDM_IpcRwLockWLock, lock);
+  TestTask waiter("waiter", [&] {
+    EXPECT_EQ(DDM_IpcRwLockWLock(lock, KEL_WAIT_FOREVER), 0u);
+    EXPECT_EQ(DDM_IpcRwLockWUnlock(lock), 0u);
+  });
+  writer.End();
+  waiter.Join();
+
+  Holder reader(DDM_IpcRwLockRLock, lock);
+  reader.End();
+  EXPECT_THAT(Shown(0), HasSubstr(", which ended"));
+  EXPECT_EQ(DDM_IpcRwLockWLock(lock, 0), 0u);
+  EXPECT_EQ(DDM_IpcRwLockWUnlock(lock), 0u);
+}
+
+TEST(Ddm, WrongArgumentsAreRefusedAndATimeOutIsTheRuntimesOwn) {
+  uint32_t lock = 0;
+  EXPECT_EQ(DDM_IpcRwLockCreate(kDdmGroupCount, "x", &lock), kDdmErrPara);
+  EXPECT_EQ(DDM_IpcRwLockCreate(0, nullptr, &lock), kDdmErrPara);
+  EXPECT_EQ(DDM_IpcRwLockRLock(0, 0), kDdmErrPara);
+  EXPECT_EQ(DDM_IpcRwLockWUnlock(49), kDdmErrPara);
+  EXPECT_EQ(Shown(kDdmGroupCount), "ipc rwlock group 3: none held\n");
+
+  lock = NewLock(0, "late");
+  const Holder writer(DDM_IpcRwLockWLock, lock);
+  const ClockModeScope manual(kKelClockManual);
+  std::atomic<bool> done{false};
+  TestTask waiter("waiter", [&] {
+    EXPECT_EQ(DDM_IpcRwLockRLock(lock, 600'000), kKelErrTimeout);
+    done = true;
+  });
+  EXPECT_TRUE(Eventually([&] {
+    KEL_ClockAdvanceMs(600'000);
+    return done.load();
+  }));
+}
+
+}  // namespace

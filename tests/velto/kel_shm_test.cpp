@@ -1,0 +1,209 @@
+#include "velto/kel_shm.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "velto/kel_support.h"
+#include "velto/shm_partition.h"
+
+namespace {
+
+constexpr uint32_t kSize = 16384;
+constexpr uint32_t kEntries = 100;
+
+/// Runs `body` in a forked process; its result is the exit status.
+pid_t Fork(const std::function<int()>& body) {
+  const pid_t child = fork();
+  if (child == 0) _exit(body());
+  return child;
+}
+int Join(pid_t child) {
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class KelShmTest : public testing::Test {
+ protected:
+  KelShmTest() { (void)snprintf(name_.name, sizeof(name_.name), "velto_test.%d", getpid()); }
+  ~KelShmTest() override {
+    for (uint32_t i = 0; i < kKelShmPartitionMax; ++i) (void)KEL_ShmStruKvMemPtDelete(i);
+  }
+
+  [[nodiscard]] uint32_t Create(KelShmMode mode, uint32_t size = kSize, uint32_t entries = kEntries) {
+    return KEL_ShmStruKvMemPtCreate(&name_, size, entries, mode, &number_);
+  }
+  void ExpectAllFree() const {
+    EXPECT_NE(KEL_ShmStruKvMemPtAlloc(number_, kSize - 16), nullptr)
+        << "free neighbours are not joined, or lost";
+  }
+
+  KelShmMemPtName name_{};
+  uint32_t number_ = 99;
+};
+
+struct Block {
+  uint8_t* at;
+  uint32_t size;
+  uint8_t fill;
+};
+
+/// One step against the model: enters a new block by a random name, or gives a known one back.
+void Step(std::mt19937& random, uint32_t partition, std::map<std::string, Block>& model) {
+  const std::string name = "key" + std::to_string(Below(random, 150));
+  const auto known = model.find(name);
+  void* found = nullptr;
+  uint32_t size = 0;
+  if (known != model.end()) {
+    const Block block = known->second;
+    ASSERT_EQ(KEL_ShmStruKvMemEntryGet(partition, name.c_str(), &found, &size), 0u) << name << " is lost";
+    EXPECT_EQ(found, block.at);
+    EXPECT_EQ(size, block.size);
+    for (uint32_t i = 0; i < size; ++i) ASSERT_EQ(block.at[i], block.fill) << "blocks overlap";
+    EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(name.c_str(), block.at), 0u);
+    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), 0u);
+    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), kKelErrShmBlock) << "given back twice";
+    model.erase(known);
+    return;
+  }
+  EXPECT_EQ(KEL_ShmStruKvMemEntryGet(partition, name.c_str(), &found, &size), kKelErrShmName);
+  size = Below(random, 400) + 1;
+  found = KEL_ShmStruKvMemPtAlloc(partition, size);
+  if (found == nullptr) return;
+  ASSERT_EQ(reinterpret_cast<uintptr_t>(found) % 16, 0u);
+  const Block block{static_cast<uint8_t*>(found), size, static_cast<uint8_t>(random())};
+  const uint32_t entered = KEL_ShmStruKvMemEntrySet(name.c_str(), block.at, size);
+  EXPECT_EQ(entered, model.size() == kEntries ? kKelErrShmFull : 0u);
+  if (entered != 0) return (void)KEL_ShmStruKvMemPtFree(block.at);
+  memset(block.at, block.fill, size);
+  model.emplace(name, block);
+}
+
+TEST_F(KelShmTest, BlocksAndDirectoryHoldWhatAModelHolds) {
+  ASSERT_EQ(Create(kKelShmInherited), 0u);
+  const uint32_t seed = std::random_device{}();
+  printf("seed %u\n", seed);
+  std::mt19937 random(seed);
+  std::map<std::string, Block> model;
+  for (int i = 0; i < 30000 && !HasFatalFailure(); ++i) Step(random, number_, model);
+  for (const auto& [name, block] : model) {
+    EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(name.c_str(), block.at), 0u);
+    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), 0u);
+  }
+  ExpectAllFree();
+}
+
+TEST_F(KelShmTest, ForkedProcessesShareAPartitionWithoutLosingABlock) {
+  ASSERT_EQ(Create(kKelShmInherited), 0u);
+  std::vector<pid_t> children;
+  for (uint32_t seed = 1; seed <= 3; ++seed) {
+    children.push_back(Fork([&] {
+      std::mt19937 random(seed);
+      for (int i = 0; i < 5000; ++i) {
+        const uint32_t size = Below(random, 300) + 1;
+        void* block = KEL_ShmStruKvMemPtAlloc(number_, size);
+        const std::string name = std::to_string(getpid());
+        if (block == nullptr || KEL_ShmStruKvMemEntrySet(name.c_str(), block, size) != 0) return 1;
+        memset(block, static_cast<int>(seed), size);
+        for (uint32_t at = 0; at < size; ++at) {
+          if (static_cast<uint8_t*>(block)[at] != seed) return 2;
+        }
+        if (KEL_ShmStruKvMemEntryUnset(name.c_str(), block) != 0 || KEL_ShmStruKvMemPtFree(block) != 0)
+          return 3;
+      }
+      return 0;
+    }));
+  }
+  for (const pid_t child : children) EXPECT_EQ(Join(child), 0);
+  ExpectAllFree();
+}
+
+TEST_F(KelShmTest, AProcessThatComesLaterJoinsByNameAndSeesTheSameAddresses) {
+  ASSERT_EQ(Join(Fork([&] {
+              if (Create(kKelShmNamed) != 0) return 1;
+              void* block = KEL_ShmStruKvMemPtAlloc(number_, sizeof(void*));
+              if (block == nullptr || KEL_ShmStruKvMemEntrySet("self", block, sizeof(void*)) != 0) return 2;
+              memcpy(block, &block, sizeof(block));
+              return 0;
+            })),
+            0);
+  EXPECT_EQ(Create(kKelShmNamed, kSize + 1), kKelErrShmForeign) << "joined with another size";
+  EXPECT_EQ(Create(kKelShmNamed, kSize, kEntries + 1), kKelErrShmForeign);
+  ASSERT_EQ(Create(kKelShmNamed), 0u);
+  void* block = nullptr;
+  uint32_t size = 0;
+  ASSERT_EQ(KEL_ShmStruKvMemEntryGet(number_, "self", &block, &size), 0u);
+  EXPECT_EQ(*static_cast<void**>(block), block) << "an address in the partition means something else here";
+
+  ASSERT_EQ(KEL_ShmStruKvMemPtDelete(number_), 0u);
+  EXPECT_EQ(KEL_ShmStruKvMemPtDelete(number_), kKelErrShmId);
+  ASSERT_EQ(Create(kKelShmNamed), 0u);
+  EXPECT_EQ(KEL_ShmStruKvMemEntryGet(number_, "self", &block, &size), kKelErrShmName)
+      << "the name outlived its end";
+}
+
+TEST_F(KelShmTest, ANameThatOthersMayOpenIsNotJoined) {
+  const std::string path = std::string("/velto.") + name_.name;
+  const int file = shm_open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_GE(file, 0);
+  EXPECT_EQ(fchmod(file, 0666), 0);
+  EXPECT_EQ(Create(kKelShmNamed), kKelErrShmForeign);
+  EXPECT_EQ(close(file), 0);
+  EXPECT_EQ(shm_unlink(path.c_str()), 0);
+}
+
+TEST_F(KelShmTest, WrongArgumentsAreRefused) {
+  EXPECT_EQ(Create(kKelShmInherited, 0), kKelErrShmPara);
+  EXPECT_EQ(Create(kKelShmInherited, kSize, 0), kKelErrShmPara);
+  EXPECT_EQ(Create(kKelShmInherited, 0xFFFFFFFF, 0xFFFFFFFF), kKelErrShmPara) << "a sum that wraps";
+  name_ = {"../x"};
+  EXPECT_EQ(Create(kKelShmNamed), kKelErrShmPara);
+  memset(name_.name, 'x', sizeof(name_.name));
+  EXPECT_EQ(Create(kKelShmInherited), kKelErrShmPara) << "a name without an end";
+  name_ = {"x"};
+  for (uint32_t i = 0; i < kKelShmPartitionMax; ++i) {
+    ASSERT_EQ(Create(kKelShmInherited), 0u);
+    EXPECT_EQ(number_, i);
+  }
+  EXPECT_EQ(Create(kKelShmInherited), kKelErrShmFull);
+
+  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(kKelShmPartitionMax, 8), nullptr);
+  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, 0), nullptr);
+  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, 0xFFFFFFFF), nullptr);
+  auto* block = static_cast<uint8_t*>(KEL_ShmStruKvMemPtAlloc(0, 64));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(KEL_ShmStruKvMemPtFree(block + 16), kKelErrShmBlock);
+  EXPECT_EQ(KEL_ShmStruKvMemPtFree(block + 1), kKelErrShmBlock);
+  EXPECT_EQ(KEL_ShmStruKvMemPtFree(&number_), kKelErrShmBlock);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet("n", block, 65), kKelErrShmBlock) << "more than the block has";
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet("", block, 64), kKelErrShmPara);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(24, 'n').c_str(), block, 64), kKelErrShmPara);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(23, 'n').c_str(), block, 64), 0u);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(23, 'n').c_str(), block, 64), kKelErrShmName)
+      << "entered twice";
+  EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(std::string(23, 'n').c_str(), block + 16), kKelErrShmName);
+}
+
+TEST(ShmPartition, ADeathWithTheLockLeavesAPartitionThatRefusesButNeverBlocks) {
+  const size_t size = velto::ShmPartition::SizeOf(kSize, kEntries);
+  void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(memory, MAP_FAILED);
+  auto* partition = static_cast<velto::ShmPartition*>(memory);
+  ASSERT_TRUE(partition->Make(kSize, kEntries));
+  ASSERT_EQ(Join(Fork([&] { return partition->Lock() ? 0 : 1; })), 0);
+  EXPECT_FALSE(partition->Lock());
+  EXPECT_FALSE(partition->Lock()) << "what was changed half way is used again";
+  EXPECT_EQ(munmap(memory, size), 0);
+}
+
+}  // namespace
