@@ -13,9 +13,11 @@
 #include <string>
 
 #include "base/result_codes.h"
+#include "frame/feature_identity.h"
 #include "frame/function_feature_sys_init.h"
 #include "frame/public_file_cfg.h"
 #include "frame/user_tick.h"
+#include "msg/heart_beat_manager.h"
 #include "securec.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_task.h"
@@ -24,7 +26,6 @@ std::atomic<uint8_t> g_isfeatureProcessExit = 0;
 
 namespace {
 
-constexpr char kProcessName[] = "update_active";
 constexpr char kDefaultRuntimeCfg[] = "/mnt/config/feature.cfg";
 constexpr char kPathCfg[] = "/app_run/app_bin/app_config/tola.cfg";
 constexpr uint32_t kInitTaskPriority = 29;
@@ -87,7 +88,7 @@ uint32_t TolaOsGetAppEnv(const char* exePath, const char* appName, char* dst, un
 }
 
 uint32_t TolaOsSetEnv(const char* exePath) {
-  const uint32_t result = TolaOsGetAppEnv(exePath, kProcessName, g_appEnv, sizeof(g_appEnv));
+  const uint32_t result = TolaOsGetAppEnv(exePath, g_featureIdentity.name, g_appEnv, sizeof(g_appEnv));
   if (result != 0) return result;
   (void)putenv(g_appEnv);
   (void)puts(g_appEnv);
@@ -136,7 +137,10 @@ uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName)
     (void)printf("\n==================== create task fail:%#x ====================\n", result);
     return result;
   }
-  while (g_isfeatureProcessExit == 0) KEL_TaskDelay(kSecondMs);
+  while (g_isfeatureProcessExit == 0) {
+    (void)TOLA_HeartBeatProcessSecondEvent();  // refused until its stage has run
+    KEL_TaskDelay(kSecondMs);
+  }
   (void)printf("\n==================== %s process exit ================\n", initTaskName);
   return kSuccess;
 }

@@ -2,7 +2,9 @@
 
 #include <stdio.h>
 
+#include "frame/feature_identity.h"
 #include "frame/init_comps.h"
+#include "frame/platform_init_stages.h"
 #include "frame/product_init_stages.h"
 #include "frame/public_file_cfg.h"
 #include "log/run_log.h"
@@ -25,8 +27,13 @@ struct Stage {
 constexpr Stage kStages[] = {
     {"runlog", TolaOsLogInit},
     {"PduVersion", TolaOsProductProcVersion},
+    {"msgMgr", TolaOsMsgInit},
+    {"ipcMgr", TolaOsFeatureIpcIpcMgrInitInit},
+    {"TaskHeartMgr", TolaOsTaskHeartBeatManagerInit},
+    {"faultMgr", TolaOsFaultManagerInit},
     {"AfterCfg", TolaOsProductProcAfterCfgMgr},
     {"BeforeComp", TolaOsProductProcBeforeComp},
+    {"NotifyMclEnd", TolaOsNotifyMclInitEnd},
     {"CompMgr", TolaOsCompManagerInit},
     {"AfterComp", TolaOsProductProcAfterComp},
 };
@@ -50,8 +57,8 @@ uint32_t TolaOsLogInit() {
                               &enable);  // on is the default too: nothing is lost if it is refused
   char name[128] = {};
   const int written =
-      snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s%s",
-                 TOLA_GetPathName("/mnt/sub_bin/sys_log/", "log.run"), "update_active_run_log");
+      snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s%s_run_log",
+                 TOLA_GetPathName("/mnt/sub_bin/sys_log/", "log.run"), g_featureIdentity.name);
   if (written < 0) (void)printf("feature log file err %s\n", name);
   (void)TOLA_SetRunLogFileName(name);  // kept: a name that does not fit leaves the default names
   const uint32_t result = TOLA_PrintInitForArm9(kLogFileSize, nullptr);

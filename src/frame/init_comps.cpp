@@ -1,6 +1,5 @@
 #include "frame/init_comps.h"
 
-#include <string.h>
 #include <unistd.h>
 
 #include <memory>
@@ -9,11 +8,11 @@
 #include "cms/root_ca.h"
 #include "comp/comp_manager.h"
 #include "drv/res_ctrl.h"
+#include "frame/feature_identity.h"
 #include "frame/init_ha_manager_comp.h"
 #include "log/file_public.h"
 #include "log/run_log.h"
-#include "securec.h"
-#include "update/scritp_execuotr_comp.h"
+#include "msg/ipc_manager.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_mem.h"
 #include "verify/signature.h"
@@ -22,7 +21,6 @@ namespace {
 
 constexpr uint16_t kLogModule = 0;
 constexpr uint32_t kStage = 0;
-constexpr uint32_t kTypePriority = 1;
 
 struct BlockDeleter {
   void operator()(TOLA_COMP_REG_BLOCK_S* block) const { KEL_MEM_FREE(block); }
@@ -36,22 +34,6 @@ BlockPtr NewBlock() {
   void* memory = KEL_MEM_ALLOC(handle, sizeof(TOLA_COMP_REG_BLOCK_S));
   if (memory == nullptr) return nullptr;
   return BlockPtr(new (memory) TOLA_COMP_REG_BLOCK_S{});
-}
-
-/// The script executor's record, the platform set's only one.
-uint32_t AddScriptExecutor(TOLA_COMP_REG_SET_S& set) {
-  TOLA_COMP_TYPE_S& type = set.type[0];
-  if (strcpy_s(type.name, sizeof(type.name), kScriptExeCompName) != EOK) return kFailure;
-  if (strcpy_s(type.version, sizeof(type.version), kScriptExeCompVersion) != EOK) return kFailure;
-  type.typeId = kScriptExeCompId;
-  type.priority = kTypePriority;
-  type.constructor = TOLA_ScriptExeCompConstructor;
-  type.destructor = TOLA_ScriptExeCompDestructor;
-  type.msgProc = TOLA_ScriptExeCompMsgProc;
-  type.instNum = 1;
-  type.inst[0].csi = kScriptExeCompId;
-  set.typeNum = 1;
-  return kSuccess;
 }
 
 void BringLoopbackUp() {
@@ -91,6 +73,8 @@ uint32_t EnableVerification() {
 
 uint32_t TolaOsCompManagerInit() {
   TolaCompRegLogFuc(TOLA_LogPrint);
+  // What cannot be announced now is announced again by the IPC manager itself.
+  TolaCompRegIdAddNotify([](uint32_t csi) { (void)TolaFeatureAppCompIDAddNotify(csi); });
   DrvSetLogFunc(PrintDriverLog);
   const BlockPtr block = NewBlock();
   if (block == nullptr) {
@@ -104,7 +88,9 @@ uint32_t TolaOsCompManagerInit() {
   }
   FlushLocalProcStaticInfo(block.get());
   TolaOsUpdateDstProcInfo(block.get());
-  if (AddScriptExecutor(block->platform) != 0) return kFailure;
+  if (g_featureIdentity.addComponents != nullptr && g_featureIdentity.addComponents(block.get()) != 0) {
+    return kFailure;
+  }
   BringLoopbackUp();
   result = EnableVerification();
   if (result != 0) return result;

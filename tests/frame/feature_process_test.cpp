@@ -11,12 +11,19 @@
 #include "base/owners.h"
 #include "base/result_codes.h"
 #include "frame/feature_app.h"
+#include "frame/feature_identity.h"
 #include "frame/user_tick.h"
 #include "velto/kel_clock.h"
 
 namespace {
 
 constexpr char kName[] = "update_active";
+
+}  // namespace
+
+const FeatureIdentity g_featureIdentity = {kName, 1056, nullptr};
+
+namespace {
 
 TEST(AppEnv, TakesTheDirectoryByLengthAlone) {
   char env[256] = {};

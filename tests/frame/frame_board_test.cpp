@@ -10,9 +10,12 @@
 #include <memory>
 #include <string>
 
+#include "frame/feature_identity.h"
 #include "frame/init_ha_manager_comp.h"
 #include "frame/module_xml.h"
 #include "frame/public_file_cfg.h"
+
+const FeatureIdentity g_featureIdentity = {"update_active", 1056, nullptr};
 
 namespace {
 

@@ -1,0 +1,303 @@
+/// The exception box as a process that crashes sees it: box_crasher comes to each end with real faults, and
+/// what it leaves is read as text.
+#include "fault/box.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "fault/box_names.h"
+#include "msg/msg_interface_public.h"
+#include "support/command.h"
+#include "support/temp_dir.h"
+#include "velto/kel_task.h"
+
+namespace {
+
+using support::CommandResult;
+using support::RunCommand;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr char kHead[] = "\n**************** Exception Info Record By sys ****************\n";
+#if defined(__arm__)
+constexpr bool kIsArm = true;
+#else
+constexpr bool kIsArm = false;
+#endif
+
+std::string Read(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string Hex(unsigned digits) {
+  return "0x[0-9a-f]{" + std::to_string(digits) + "}";
+}
+
+struct Block {
+  std::string task;
+  int signal = 0;
+  std::string code;  ///< "1 (SEGV_MAPERR)"
+  std::string text;
+};
+
+std::vector<Block> Blocks(const std::string& text) {
+  const std::regex fields(
+      "Exception Time        : 2\\d{3}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d\\d:\\d\\d\n"
+      "Exception Task        : (.*)\\(TaskId = [0-9a-f]+\\)\n"
+      "Exception Signal      : (\\d+)\nException Signal errno: 0\nException Signal code : (.*)\n");
+  std::vector<Block> blocks;
+  for (size_t at = text.find(kHead); at != std::string::npos;) {
+    const size_t begin = at + sizeof(kHead) - 1;
+    at = text.find(kHead, begin);
+    const std::string body = text.substr(begin, at - begin);
+    std::smatch match;
+    if (std::regex_search(body, match, fields, std::regex_constants::match_continuous)) {
+      blocks.push_back({match[1], std::stoi(match[2]), match[3], match.suffix()});
+    } else {
+      ADD_FAILURE() << "no block: " << body.substr(0, 300);
+    }
+  }
+  return blocks;
+}
+
+/// Registers, 65 stack lines and, unless it broke off there, a call stack.
+void ExpectWhole(const Block& block, bool hasCalls) {
+  SCOPED_TRACE(block.task);
+  std::string shape = "\nRegister Contents:\n";
+  for (size_t i = 0; i < kBoxRegisters; ++i) {
+    shape += std::string(kBoxRegisterLabels[i]) + " " + Hex(2 * sizeof(uintptr_t)) + ";" +
+             (i % 2 == 1 ? "\n" : "");
+  }
+  const std::regex registers(shape + "\n\nDump stack when signal occurs,total 1024 Bytes,16Bytes/line.\n");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(block.text, match, registers, std::regex_constants::match_continuous))
+      << block.text;
+  std::string rest = match.suffix();
+  const std::regex line("0x[0-9a-f]+:  " + Hex(8) + " " + Hex(8) + " " + Hex(8) + " " + Hex(8) + "\n");
+  int lines = 0;
+  for (; std::regex_search(rest, match, line, std::regex_constants::match_continuous); ++lines)
+    rest = match.suffix();
+  EXPECT_EQ(lines, 65);
+  EXPECT_THAT(rest, StartsWith("\nShow CallStack\n"));
+  if (hasCalls) {
+    EXPECT_TRUE(std::regex_search(rest, std::regex("\\[0x[0-9a-f]+\\]\n"))) << rest;
+  }
+}
+
+class BoxTest : public testing::Test {
+ protected:
+  CommandResult Crash(const std::string& end) const {
+    return RunCommand({TOLA_BUILD_DIR "/tests/fault/box_crasher", dir_.path(), end});
+  }
+  std::string CrashFile() const { return Read(dir_.File("box.tola.tmp")); }
+
+  support::TempDir dir_;
+};
+
+struct EndCase {
+  const char* end;
+  int signal;
+  const char* code;
+};
+
+class BoxEndTest : public BoxTest, public testing::WithParamInterface<EndCase> {};
+
+TEST_P(BoxEndTest, LeavesABlockOfEveryTaskAndEndsByItsSignal) {
+  const EndCase& expected = GetParam();
+  const CommandResult crash = Crash(expected.end);
+  EXPECT_EQ(crash.status, 128 + expected.signal) << crash.output;
+  const std::vector<Block> blocks = Blocks(CrashFile());
+  ASSERT_EQ(blocks.size(), 4u) << CrashFile();
+  EXPECT_EQ(blocks[0].task, "Crasher");
+  EXPECT_EQ(blocks[0].signal, expected.signal);
+  if (!kIsArm) {
+    EXPECT_EQ(blocks[0].code, expected.code);
+  }
+  ExpectWhole(blocks[0], std::string(expected.end) != "lost");
+  std::vector<std::string> others;
+  for (size_t i = 1; i < blocks.size(); ++i) {
+    others.push_back(blocks[i].task);
+    EXPECT_EQ(blocks[i].signal, 45);
+    EXPECT_EQ(blocks[i].code, "-6 (TASK_INFO)");
+    ExpectWhole(blocks[i], true);
+  }
+  EXPECT_THAT(others, testing::UnorderedElementsAre("main", "Waiter", "SecondWaiter"));
+  struct stat state = {};
+  ASSERT_EQ(stat(dir_.File("box.tola.tmp").c_str(), &state), 0);
+  EXPECT_EQ(state.st_mode & 0777, 0600u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ends, BoxEndTest,
+    testing::Values(EndCase{"null", 11, "1 (SEGV_MAPERR)"}, EndCase{"constant", 11, "2 (SEGV_ACCERR)"},
+                    EndCase{"stack", 11, "2 (SEGV_ACCERR)"}, EndCase{"abort", 6, "-6 ()"},
+                    EndCase{"divide", 8, "1 (FPE_INTDIV)"}, EndCase{"trap", 4, "2 (ILL_ILLOPN)"},
+                    EndCase{"bus", 7, "2 (BUS_ADRERR)"}, EndCase{"cpu", 24, "-6 ()"},
+                    EndCase{"limit", 25, "0 ()"}, EndCase{"heart", 46, "-6 (HEART_TIMEOUT)"},
+                    EndCase{"lost", 4, "2 (ILL_ILLOPN)"}, EndCase{"hook", 6, "-6 ()"}),
+    [](const auto& tested) { return tested.param.end; });
+
+TEST_F(BoxTest, SecondFaultMeanwhileWritesItsBlockAndAsksNobodyAgain) {
+  EXPECT_EQ(Crash("twice").status, 128 + 11) << "the first fault's signal";
+  std::map<int, int> bySignal;
+  for (const Block& block : Blocks(CrashFile())) ++bySignal[block.signal];
+  EXPECT_THAT(bySignal, ElementsAre(std::pair(8, 1), std::pair(11, 1), std::pair(45, 3)));
+}
+
+TEST_F(BoxTest, FullDiskCutsTheFileAndNothingElse) {
+  EXPECT_EQ(Crash("full").status, 128 + 11);
+  EXPECT_EQ(CrashFile().size(), 3000u);
+}
+
+TEST_F(BoxTest, CommandsFindNoSignalIgnored) {
+  const CommandResult crash = Crash("commands");
+  ASSERT_EQ(crash.status, 0) << "the three signals must not end it";
+  const std::regex line("SigIgn:\t([0-9a-f]+)\n");
+  int commands = 0;
+  for (std::sregex_iterator at(crash.output.begin(), crash.output.end(), line), none; at != none;
+       ++at, ++commands) {
+    EXPECT_EQ(std::stoull((*at)[1], nullptr, 16) & ((1U << 9) | (1U << 11) | (1U << 12)), 0u) << (*at)[1];
+  }
+  EXPECT_EQ(commands, 3) << crash.output;
+}
+
+TEST_F(BoxTest, MapIsWrittenAgainAfterThreeAndNineMinutes) {
+  EXPECT_THAT(Crash("refresh").output, HasSubstr("refreshed 180\nrefreshed 540\n"));
+}
+
+TEST_F(BoxTest, StartMovesTheLastRunAndTheOneBeforeItBack) {
+  for (const char* run : {"first", "second", "third"}) {
+    const std::string crashFile = dir_.Write("box.tola.tmp", std::string(run) + " crash\n");
+    dir_.Write("box.tola.map.tmp", std::string(run) + " map\n");
+    EXPECT_EQ(Crash("none").output.find("init"), std::string::npos);
+    EXPECT_EQ(Read(crashFile), "");
+    EXPECT_THAT(Read(dir_.File("box.tola.map.tmp")), HasSubstr("box_crasher"));
+  }
+  EXPECT_EQ(Read(dir_.File("box.tola")), "third crash\nthird map\n");
+  EXPECT_EQ(Read(dir_.File("box_back.tola")), "second crash\nsecond map\n");
+  for (const auto& file : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_EQ(file.status().permissions(), std::filesystem::perms(0600)) << file.path();
+  }
+}
+
+struct Leftover {
+  const char* what;
+  void (*make)(const support::TempDir&);
+  const char* kept;  ///< first characters of the exception file afterwards
+  const char* init;  ///< what the start says
+};
+
+TEST_F(BoxTest, LeftoversOfTheLastRun) {
+  const Leftover leftovers[] = {
+      {"nothing", [](const support::TempDir&) {}, "old", ""},
+      {"empty", [](const support::TempDir& dir) { dir.Write("box.tola.tmp", ""); }, "old", ""},
+      {"one byte", [](const support::TempDir& dir) { dir.Write("box.tola.tmp", "1"); }, "1map", ""},
+      {"the most", [](const support::TempDir& dir) { dir.Write("box.tola.tmp", std::string(0x100000, 'm')); },
+       "mmm", ""},
+      {"one more", [](const support::TempDir& dir) { dir.Write("box.tola.tmp", std::string(0x100001, 'm')); },
+       "old", ""},
+      {"link",
+       [](const support::TempDir& dir) {
+         (void)!symlink(dir.Write("else", "foreign").c_str(), dir.File("box.tola.tmp").c_str());
+       },
+       "old", ""},
+      {"map link",
+       [](const support::TempDir& dir) {
+         dir.Write("box.tola.tmp", "1");
+         (void)unlink(dir.File("box.tola.map.tmp").c_str());
+         (void)!symlink(dir.Write("else", "foreign").c_str(), dir.File("box.tola.map.tmp").c_str());
+       },
+       "1", ""},
+      {"folder", [](const support::TempDir& dir) { (void)mkdir(dir.File("box.tola.tmp").c_str(), 0700); },
+       "old", ""},
+      {"full folder", [](const support::TempDir& dir) { dir.Write("box.tola.tmp/file", "x"); }, "old",
+       "init 10753"},
+  };
+  for (const Leftover& leftover : leftovers) {
+    SCOPED_TRACE(leftover.what);
+    const support::TempDir dir;
+    dir.Write("box.tola", "old");
+    dir.Write("box.tola.map.tmp", "map");
+    leftover.make(dir);
+    const CommandResult start = RunCommand({TOLA_BUILD_DIR "/tests/fault/box_crasher", dir.path(), "none"});
+    EXPECT_THAT(start.output, StartsWith(leftover.init));
+    EXPECT_THAT(Read(dir.File("box.tola")), StartsWith(leftover.kept));
+    const bool isKept = std::string(leftover.kept) != "old";
+    EXPECT_EQ(Read(dir.File("box_back.tola")), isKept ? "old" : "");
+    EXPECT_EQ(std::filesystem::is_regular_file(dir.File("box.tola.tmp")), *leftover.init == '\0');
+    if (std::filesystem::exists(dir.File("else"))) {
+      EXPECT_EQ(Read(dir.File("else")), "foreign");
+    }
+  }
+}
+
+TEST_F(BoxTest, ReportResolvesAFaultInAProgramThatMovedInMemory) {
+  ASSERT_EQ(Crash("null").status, 128 + 11);
+  ASSERT_EQ(Crash("none").status, 0) << "the next start puts the map behind the blocks";
+  const CommandResult text = RunCommand({TOLA_SOURCE_DIR "/tools/box_report", dir_.File("box.tola")});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_THAT(text.output, StartsWith("Crasher (task 4), "));
+  EXPECT_TRUE(std::regex_search(
+      text.output, std::regex("#\\d+ +0x[0-9a-f]+ .*WriteToNull.* at .*box_crasher.cpp:\\d+ <- signal\n")))
+      << text.output;
+  EXPECT_TRUE(std::regex_search(text.output, std::regex("AwaitTaskInfo.* at .*box_crasher.cpp:\\d+\n")))
+      << text.output;
+  const CommandResult json =
+      RunCommand({TOLA_SOURCE_DIR "/tools/box_report", "--json", dir_.File("box.tola")});
+  EXPECT_THAT(json.output, HasSubstr("\"code_name\": \"SEGV_MAPERR\""));
+  EXPECT_EQ(RunCommand({TOLA_SOURCE_DIR "/tools/box_report", dir_.Write("none", "no block\n")}).status, 1);
+}
+
+TEST(BoxNamesTest, UnknownCodesGiveTheFirstName) {
+  EXPECT_STREQ(BoxSignalCodeName(11, 2), "SEGV_ACCERR");
+  for (const int code : {9, 3, 0, -6, INT32_MIN}) EXPECT_STREQ(BoxSignalCodeName(11, code), "") << code;
+  EXPECT_STREQ(BoxSignalCodeName(8, 8), "FLTSUB");
+  EXPECT_STREQ(BoxSignalCodeName(46, -6), "HEART_TIMEOUT");
+  for (const int signal : {-1, 3, 24, 47}) EXPECT_STREQ(BoxSignalCodeName(signal, 1), "") << signal;
+}
+
+TEST(BoxNamesTest, NamesThatAShellWouldReadOtherwiseAreRefused) {
+  TOLA_SIGNAL_BOX_S files = {};
+  BoxNames names = {};
+  for (const std::string name : {"", "relative.tola", "/tmp/a b", "/tmp/$(x)", "/tmp/../x"}) {
+    name.copy(files.exceptionFile, sizeof(files.exceptionFile));
+    EXPECT_EQ(BoxFormNames(files, names), 17667u) << name;
+    files = {};
+  }
+  std::fill_n(files.exceptionFile, 247, '/');
+  EXPECT_EQ(BoxFormNames(files, names), 0u);
+  files.exceptionFile[247] = '/';
+  EXPECT_EQ(BoxFormNames(files, names), 17667u) << "no place for the map's ending";
+  std::fill_n(files.exceptionFile, 256, '/');
+  EXPECT_EQ(BoxFormNames(files, names), 17667u) << "no terminator";
+}
+
+TEST(BoxCommandTest, ReachesTheCommandModuleAsCountedText) {
+  uint32_t task = 0;
+  ASSERT_EQ(KEL_TaskAdopt("test", &task), 0u);
+  ASSERT_EQ(TOLA_MsgManagerInit(), 0u);
+  ASSERT_EQ(TOLA_MsgModuleRegister(41, task, 1, 4), 0u);
+  EXPECT_EQ(SendSystemCmdExecMsg("ls", 2, 0), 1u) << "the terminator is part of it";
+  ASSERT_EQ(SendSystemCmdExecMsg("ls", 3, 0x1234), 0u);
+  tagMsgBuf* msg = nullptr;
+  ASSERT_EQ(TOLA_MsgRecv(41, &msg, 0), 0u);
+  EXPECT_EQ(msg->source, 203);
+  EXPECT_EQ(msg->type, 0xE01);
+  const std::string data(reinterpret_cast<const char*>(TolaMsgData(msg)), GetTolaMsgLen(msg));
+  EXPECT_EQ(data, std::string("\1\0\x34\x12\3\0ls\0\0\0", 11));
+  TOLA_MsgFree(msg);
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+/// The fault agent beside a fault manager of the test's own: module 6, in the same process.
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <vector>
+
+#include "fault/feature_fault_manager.h"
+#include "msg/heart_beat_manager.h"
+#include "support/log_capture.h"
+#include "support/platform_msg.h"
+#include "velto/kel_cfg.h"
+#include "velto/kel_support.h"
+
+namespace {
+
+constexpr uint16_t kAgent = 1056;
+constexpr uint16_t kManager = 6;
+constexpr uint16_t kStranger = 7;
+constexpr uint16_t kRegister = 2572;
+constexpr uint16_t kDebug = 2573;
+constexpr uint16_t kRegisterAgain = 41696;
+
+std::array<std::atomic<int>, 64> g_calls;  // which one-second callback ran, in order
+std::atomic<size_t> g_callCount = 0;
+
+template <int number>
+uint32_t Callback() {
+  g_calls[g_callCount] = number;
+  return ++g_callCount % 2;  // its result is not used
+}
+
+class FaultManagerTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    KEL_ClockModeSet(kKelClockManual);
+    ASSERT_EQ(KEL_Start(nullptr), 0u);
+    ASSERT_EQ(TOLA_MsgManagerInit(), 0u);
+    ASSERT_EQ(TOLA_HeartBeatManagerInit(4), 0u);
+    ASSERT_EQ(TOLA_MsgModuleRegister(kManager, kMsgNoTask, 1, 64), 0u);
+    ASSERT_EQ(TOLA_MsgModuleRegister(kStranger, kMsgNoTask, 1, 64), 0u);
+    ASSERT_EQ(FaultRegTimer1sFunc(Callback<1>), 0u) << "before Init";
+    ASSERT_EQ(TOLA_FaultManagerInit(nullptr), kFaultErrNullCfg);
+    const TOLA_FAULT_MGR_CFG_S cfg = {kAgent};
+    ASSERT_EQ(TOLA_FaultManagerInit(&cfg), 0u);
+    ASSERT_EQ(FaultRegTimer1sFunc(Callback<2>), 0u);
+  }
+
+  /// Next message to the fault manager, or null when there is none.
+  static support::MsgPtr Next(uint16_t to = kManager) {
+    tagMsgBuf* msg = nullptr;
+    return support::MsgPtr(TOLA_MsgRecv(to, &msg, 0) == 0 ? msg : nullptr);
+  }
+  static support::MsgPtr Await(uint16_t to = kManager) {
+    support::MsgPtr msg;
+    EXPECT_TRUE(Eventually([&] { return (msg = Next(to)) != nullptr; }));
+    return msg;
+  }
+  static uint32_t Tell(uint16_t type, const std::vector<uint8_t>& data = {}, uint16_t from = kManager) {
+    return SendSimpleFormatMsg(from, kAgent, type, 5, static_cast<uint32_t>(data.size()), data.data());
+  }
+  /// The answer to a message, which also says that everything before it is done with.
+  static int Ask(uint16_t type, const std::vector<uint8_t>& data = {}, uint16_t from = kManager) {
+    EXPECT_EQ(Tell(type, data, from), 0u);
+    const support::MsgPtr answer = Await(from);
+    if (answer == nullptr || answer->type != type || answer->subType != 5 || answer->source != kAgent)
+      return -1;
+    uint16_t result = 0;
+    if (GetTolaMsgLen(answer.get()) != sizeof(result)) return -2;
+    memcpy(&result, TolaMsgData(answer.get()), sizeof(result));
+    return result;
+  }
+
+  support::LogCapture log_;
+};
+
+TEST_F(FaultManagerTest, RegistersEverySecondUntilItIsAcknowledgedAndAgainWhenAsked) {
+  const auto pid = static_cast<uint32_t>(getpid());
+  const auto isRegistration = [pid](const support::MsgPtr& msg) {
+    const uint16_t expected[4] = {0, kAgent, static_cast<uint16_t>(pid), static_cast<uint16_t>(pid >> 16)};
+    return msg != nullptr && msg->type == kRegister && msg->subType == 0 && msg->source == kAgent &&
+           GetTolaMsgLen(msg.get()) == 8 && memcmp(TolaMsgData(msg.get()), expected, 8) == 0;
+  };
+  EXPECT_TRUE(isRegistration(Await())) << "at Init";
+  for (int second = 0; second < 2; ++second) {
+    KEL_ClockAdvanceMs(1000);
+    EXPECT_TRUE(isRegistration(Await()));
+  }
+  EXPECT_EQ(Tell(kRegister), 0u);
+  EXPECT_EQ(Ask(0x123), 1) << "a type that nobody knows";
+  KEL_ClockAdvanceMs(1000);
+  EXPECT_TRUE(Eventually([] { return g_callCount == 6; })) << "two callbacks a second, three seconds";
+  EXPECT_EQ(Ask(0x123), 1);
+  EXPECT_EQ(Next(), nullptr) << "acknowledged, and the acknowledgement is not replied to";
+  EXPECT_EQ(Tell(kRegisterAgain), 0u);
+  EXPECT_TRUE(isRegistration(Await())) << "at once";
+  EXPECT_EQ(Tell(kRegister), 0u);
+  EXPECT_EQ(Ask(0x123), 1);
+  for (size_t i = 0; i < 6; ++i) EXPECT_EQ(g_calls[i], i % 2 == 0 ? 1 : 2) << "in order of registration";
+}
+
+TEST_F(FaultManagerTest, DebugRequestsAreTheFaultManagersAlone) {
+  EXPECT_EQ(Tell(kRegister), 0u);
+  const std::vector<uint8_t> level = {0, 1, 0x01, 0x2C, 0, 2};  // command 1: module 300 to level 2
+  SetPrintPara(300, 0x34);
+  EXPECT_EQ(Ask(kDebug, level, kStranger), 1);
+  EXPECT_EQ(GetPrintPara(300), 0x34);
+  EXPECT_EQ(Ask(kDebug, {0, 7}), 1);
+  EXPECT_THAT(log_.Lines(), testing::IsSupersetOf({"7->1056 Ty:0xa0d Err:0x1", "6->1056 Ty:0xa0d Err:0x1"}));
+  EXPECT_EQ(Ask(kDebug, level), 0);
+  EXPECT_EQ(GetPrintPara(300), 0x32);
+}
+
+TEST(FaultThreshold, TakesOneToNinetyNinePercentAndANameOfThirtyBytes) {
+  const std::string longest(30, 'n');
+  EXPECT_EQ(TOLA_CfgProcessMemThreshold(0, "a"), kFaultErrThreshold);
+  EXPECT_EQ(TOLA_CfgProcessMemThreshold(100, "a"), kFaultErrThreshold);
+  EXPECT_EQ(TOLA_CfgProcessMemThreshold(90, nullptr), kFaultErrThreshold);
+  EXPECT_EQ(TOLA_CfgProcessMemThreshold(90, (longest + "n").c_str()), kFaultErrThreshold);
+  EXPECT_EQ(TOLA_CfgProcessMemThreshold(99, longest.c_str()), 0u);
+}
+
+TEST(FaultRegistration, RefusesModulesAndProcessesThatCannotBe) {
+  EXPECT_EQ(FeatureFaultMgrReg(1857, 1), kFaultErrRegister);
+  EXPECT_EQ(FeatureFaultMgrReg(kAgent, 0), kFaultErrRegister);
+}
+
+/// A process of its own with a budget of 1 MiB of which `kib` are taken; ends as its agent ends it, or with 0
+/// after the check.
+[[noreturn]] void RunWithMemoryInUse(uint32_t kib) {
+  const support::TempDir dir;
+  dir.Write("cfg", "mem.budget_bytes=1048576\n");
+  KEL_ClockModeSet(kKelClockManual);
+  uint32_t handle = 0;
+  if (KEL_CfgdbInitByFsldr(dir.File("cfg").c_str()) != 0 || KEL_Start(nullptr) != 0 ||
+      KEL_HandleInitialize("load", &handle) != 0 || TOLA_CfgProcessMemThreshold(90, "peer") != 0) {
+    _exit(99);
+  }
+  static std::atomic<uint32_t> seconds = 0;
+  if (FaultRegTimer1sFunc([] { return ++seconds, 0u; }) != 0) _exit(98);
+  const TOLA_FAULT_MGR_CFG_S cfg = {kAgent};
+  if (TOLA_MsgManagerInit() != 0 || TOLA_FaultManagerInit(&cfg) != 0) _exit(97);
+  // What the manager itself took counts too.
+  const uint32_t taken = (KEL_MemGetTotalSize() - KEL_MemGetFreeSize());
+  if (KEL_MEM_ALLOC(handle, kib * 1024 - taken) == nullptr) _exit(96);
+  for (uint32_t i = 1; i <= 300; ++i) {
+    KEL_ClockAdvanceMs(1000);
+    if (!Eventually([i] { return seconds == i; })) _exit(95);
+  }
+  _exit(0);
+}
+
+TEST(FaultThresholdDeathTest, FiresAtItsPercentageAndEndsAProcessThatNobodyRestarts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(RunWithMemoryInUse(920), testing::ExitedWithCode(0), "") << "89.8 are 89 percent";
+  EXPECT_EXIT(RunWithMemoryInUse(922), testing::KilledBySignal(SIGKILL), "");
+}
+
+/// Ends like a process whose task `victim` stopped beating; the handler says who was recorded.
+[[noreturn]] void RunStuckTask(bool isKnown) {
+  KEL_ClockModeSet(kKelClockAutoAdvance);
+  if (KEL_Start(nullptr) != 0) _exit(99);
+  (void)signal(46, [](int) {
+    uint32_t id = 0;
+    (void)KEL_TaskCurrentIdGet(&id);
+    const char text[] = {'t', 'a', 's', 'k', ' ', static_cast<char>('0' + id), '\n'};
+    (void)!write(STDERR_FILENO, text, sizeof(text));
+  });
+  TestTask victim("victim", [] {
+    uint32_t received = 0;
+    for (;;) (void)KEL_EventRead(1, &received, kKelEventAny, KEL_WAIT_FOREVER);
+  });
+  // The signal has arrived when the process ends: it is sent before the delay, and taken before it returns.
+  FaultRecordStuckTask(isKnown ? victim.id() : 200);
+}
+
+TEST(FaultStuckTaskDeathTest, IsRecordedByTheTaskItselfElseByTheCallerThenStatus17) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(RunStuckTask(false), testing::ExitedWithCode(17), "task 1");
+  EXPECT_EXIT(RunStuckTask(true), testing::ExitedWithCode(17), "task 2");
+}
+
+TEST(FaultTimerDeathTest, SeventhCallbackIsRefused) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        int taken = 0;
+        while (FaultRegTimer1sFunc([] { return 0u; }) == 0 && taken < 99) ++taken;
+        _exit(taken);
+      },
+      testing::ExitedWithCode(6), "");
+}
+
+}  // namespace
