@@ -66,6 +66,15 @@ void HoldLimitSignalsBack() {
   (void)pthread_sigmask(SIG_BLOCK, &limits, nullptr);
 }
 
+/// A task that goes on must not meet the signal of what was written here.
+void DropOwnLimitSignal() {
+  sigset_t limit;
+  sigemptyset(&limit);
+  sigaddset(&limit, SIGXFSZ);
+  const struct timespec now = {0, 0};
+  (void)sigtimedwait(&limit, nullptr, &now);
+}
+
 /// "BoxSaveFile". Its owner has it already: a fault while he writes starts him again.
 bool TakeSaveFile() {
   if (gSaving.load() == ThreadId()) return true;
@@ -257,5 +266,6 @@ void BoxTaskInfoHandler(int signal, siginfo_t* info, void* context) {
   const int kept = errno;
   HoldLimitSignalsBack();  // until the interrupted mask comes back with the return
   SaveSignalTaskInfo(signal, info, context);
+  DropOwnLimitSignal();
   errno = kept;
 }
