@@ -2,6 +2,7 @@
 
 #include <sys/random.h>
 
+#include <array>
 #include <atomic>
 #include <mutex>
 
@@ -32,19 +33,29 @@ constexpr uint32_t kSendTries = 11;
 constexpr uint32_t kEventReply = 1;
 constexpr uint32_t kEventAuth = 2;
 
-std::atomic<uint16_t> g_result;     // written by the component's task, read by the requesting one
-std::atomic<uint16_t> g_authSeqNo;  // the same
+/// What the component's task leaves for the requesting one before it wakes it; a slot a task id, since
+/// several tasks of a process may wait.
+struct Slot {
+  std::atomic<uint16_t> result;
+  std::atomic<uint16_t> authSeqNo;
+};
+std::array<Slot, kKelTaskMax + 1> g_slots;
+
+/// Ids that no task can have share the slot 0, which nobody reads.
+Slot& SlotOf(uint32_t taskId) {
+  return g_slots[taskId < g_slots.size() ? taskId : 0];
+}
 
 /// The executor remembers results by sequence number alone, so a restarted requester must not come with the
 /// numbers of its former life, nor ever with 0.
 uint16_t NextSeqNo() {
-  static uint16_t counter = [] {
+  static std::atomic<uint16_t> counter = [] {
     uint16_t start = 0;
     if (getrandom(&start, sizeof(start), 0) != sizeof(start)) start = static_cast<uint16_t>(GetMsTime());
     return start;
   }();
-  if (++counter == 0) ++counter;
-  return counter;
+  const uint16_t next = ++counter;
+  return next != 0 ? next : ++counter;
 }
 
 bool ProcessRuns() {
@@ -63,6 +74,7 @@ bool WatchStart(int& misses) {
 }
 
 struct Exchange {
+  uint32_t taskId;
   uint32_t compId;
   uint16_t seqNo;
   bool needAuth;
@@ -82,10 +94,11 @@ uint32_t AwaitResult(Exchange exchange, TolaMsgExeUpdateScriptData& request) {
       LOG_ERR(kModule, "read event: %d", static_cast<int>(ret));
       return kFailure;
     } else if ((events & kEventReply) != 0) {
-      return g_result;
+      return SlotOf(exchange.taskId).result;
     } else if ((events & kEventAuth) != 0) {
       const uint16_t answer = exchange.needAuth ? 0 : 1;
-      const uint32_t sent = SendUpdateAuthReplyMsg(exchange.compId, g_authSeqNo, answer);
+      const uint32_t sent =
+          SendUpdateAuthReplyMsg(exchange.compId, SlotOf(exchange.taskId).authSeqNo, answer);
       if (!exchange.needAuth) return kSuccess;  // kept: refused, and success for the caller
       if (sent != 0) return sent;
       exchange.waitMs = kRunWaitMs;
@@ -121,7 +134,7 @@ uint32_t ExeScriptProxy(uint32_t compId, TolaMsgExeUpdateScriptData* request, bo
   uint32_t stale = 0;
   (void)KEL_EventRead(kEventReply | kEventAuth, &stale, kKelEventAny, 0);
 
-  const Exchange exchange = {compId, NextSeqNo(), needAuth, needAuth ? kAuthWaitMs : kRunWaitMs};
+  const Exchange exchange = {taskId, compId, NextSeqNo(), needAuth, needAuth ? kAuthWaitMs : kRunWaitMs};
   const uint32_t sent = TryToSendMsg(compId, exchange.seqNo, *request);
   if (sent != 0) return sent;
   LOG_EVT(kModule, "send req:%d %d %d", static_cast<int>(taskId), static_cast<int>(exchange.waitMs),
@@ -180,7 +193,7 @@ uint32_t ProcUpdateExeScriptReplyMsg(const uint8_t* data, uint32_t length) {
     LOG_ERR(kModule, "parse err:%d", static_cast<int>(parsed));
     return parsed;
   }
-  g_result = reply.result;
+  SlotOf(reply.requesterTaskId).result = reply.result;
   const uint32_t ret = KEL_EventWrite(reply.requesterTaskId, kEventReply);
   LOG_EVT(kModule, "recv:%d exe ret:0x%x %d", static_cast<int>(reply.requesterTaskId), reply.result,
           static_cast<int>(ret));
@@ -194,7 +207,7 @@ uint32_t ProcUpdateAuthReqMsg(const uint8_t* data, uint32_t length, uint16_t seq
     LOG_ERR(kModule, "parse err:%d", static_cast<int>(parsed));
     return parsed;
   }
-  g_authSeqNo = seqNo;
+  SlotOf(request.requesterTaskId).authSeqNo = seqNo;
   const uint32_t ret = KEL_EventWrite(request.requesterTaskId, kEventAuth);
   LOG_EVT(kModule, "recv:%d auth seq:%d %d", static_cast<int>(request.requesterTaskId), seqNo,
           static_cast<int>(ret));

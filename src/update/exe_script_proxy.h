@@ -3,8 +3,8 @@
 ///
 /// ExeScriptProxy blocks the calling task for up to 40 minutes. The component that receives messages 41841
 /// and 41842 hands them to ProcUpdateExeScriptReplyMsg and ProcUpdateAuthReqMsg, which wake that task; so the
-/// proxy never runs in that component's own task, it would wait for itself. One request at a time a
-/// process: the reply carries nothing that would tell two waiting tasks apart.
+/// proxy never runs in that component's own task, it would wait for itself. Several tasks may wait at a time:
+/// messages carry the id of the task that they are for. One task asks for one update at a time.
 #pragma once
 
 #include <stdint.h>

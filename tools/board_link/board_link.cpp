@@ -13,9 +13,10 @@ namespace board_link {
 namespace {
 
 constexpr uint32_t kMagic = 0x4B4E4C42;  // "BLNK"
-constexpr uint8_t kVersion = 1;
-constexpr uint32_t kRequestHead = 8;
-constexpr uint32_t kAnswerSize = 8;
+constexpr uint8_t kVersion = 2;
+constexpr uint32_t kRequestHead = 10;
+constexpr size_t kListMax = 255;  ///< characters of a name, words
+constexpr uint32_t kAnswerHead = 8;
 constexpr int kBacklog = 8;
 
 bool MakeAddress(const char* path, sockaddr_un& address) {
@@ -37,17 +38,27 @@ base::UniqueFd NewSocket() {
 }  // namespace
 
 std::vector<unsigned char> EncodeRequest(const Request& request) {
-  const uint32_t length = request.record.GetMsgLength();
+  const bool isUpdate = request.kind == Kind::kUpdate;
+  if (request.app.size() > kListMax || request.words.size() > kListMax) return {};
+  const size_t length =
+      isUpdate ? request.record.GetMsgLength() : 2 + request.app.size() + 2 * request.words.size();
   std::vector<unsigned char> packet(kRequestHead + length);
   unsigned char* cursor = packet.data();
   auto remaining = static_cast<unsigned>(packet.size());
-  const bool fits = SetHostU32_s(kMagic, cursor, remaining) == 0 &&
-                    SetMsgU8_s(kVersion, cursor, remaining) == 0 &&
-                    SetMsgU8_s(request.needAuth ? 1 : 0, cursor, remaining) == 0 &&
-                    SetHostU16_s(request.cpuLimit, cursor, remaining) == 0 &&
-                    request.record.SerializeToMsg(cursor, remaining) == 0;
-  if (!fits) packet.clear();
-  return packet;
+  bool fits = SetHostU32_s(kMagic, cursor, remaining) == 0 && SetMsgU8_s(kVersion, cursor, remaining) == 0 &&
+              SetMsgU8_s(static_cast<uint8_t>(request.kind), cursor, remaining) == 0 &&
+              SetMsgU8_s(static_cast<uint8_t>(request.authorisation), cursor, remaining) == 0 &&
+              SetMsgU8_s(request.json ? 1 : 0, cursor, remaining) == 0 &&
+              SetHostU16_s(request.cpuLimit, cursor, remaining) == 0;
+  if (isUpdate) {
+    fits = fits && request.record.SerializeToMsg(cursor, remaining) == 0;
+    return fits ? packet : std::vector<unsigned char>();
+  }
+  fits = fits && SetMsgU8_s(static_cast<uint8_t>(request.app.size()), cursor, remaining) == 0;
+  for (const char c : request.app) fits = fits && SetMsgU8_s(static_cast<uint8_t>(c), cursor, remaining) == 0;
+  fits = fits && SetMsgU8_s(static_cast<uint8_t>(request.words.size()), cursor, remaining) == 0;
+  for (const uint16_t word : request.words) fits = fits && SetHostU16_s(word, cursor, remaining) == 0;
+  return fits ? packet : std::vector<unsigned char>();
 }
 
 bool DecodeRequest(std::span<const unsigned char> packet, Request& request) {
@@ -56,30 +67,51 @@ bool DecodeRequest(std::span<const unsigned char> packet, Request& request) {
   auto remaining = static_cast<unsigned>(copy.size());
   uint32_t magic = 0;
   uint8_t version = 0;
-  uint8_t needAuth = 0;
+  uint8_t kind = 0;
+  uint8_t authorisation = 0;
+  uint8_t json = 0;
   if (GetHostU32_s(cursor, remaining, magic) != 0 || magic != kMagic) return false;
   if (GetMsgU8_s(cursor, remaining, version) != 0 || version != kVersion) return false;
-  if (GetMsgU8_s(cursor, remaining, needAuth) != 0) return false;
+  if (GetMsgU8_s(cursor, remaining, kind) != 0 || kind >= kKinds) return false;
+  if (GetMsgU8_s(cursor, remaining, authorisation) != 0 || authorisation >= kAuthorisations) return false;
+  if (GetMsgU8_s(cursor, remaining, json) != 0) return false;
   if (GetHostU16_s(cursor, remaining, request.cpuLimit) != 0) return false;
-  request.needAuth = needAuth != 0;
-  return request.record.ParseFromMsg(cursor, remaining, true) == 0;
+  request.kind = static_cast<Kind>(kind);
+  request.authorisation = static_cast<Authorisation>(authorisation);
+  request.json = json != 0;
+  if (request.kind == Kind::kUpdate) return request.record.ParseFromMsg(cursor, remaining, true) == 0;
+
+  uint8_t count = 0;
+  if (GetMsgU8_s(cursor, remaining, count) != 0 || count > remaining) return false;
+  request.app.assign(reinterpret_cast<const char*>(cursor), count);
+  cursor += count;
+  remaining -= count;
+  if (GetMsgU8_s(cursor, remaining, count) != 0) return false;
+  request.words.resize(count);
+  for (uint16_t& word : request.words) {
+    if (GetHostU16_s(cursor, remaining, word) != 0) return false;
+  }
+  return true;
 }
 
-std::vector<unsigned char> EncodeAnswer(uint32_t result) {
-  std::vector<unsigned char> packet(kAnswerSize);
+std::vector<unsigned char> EncodeAnswer(uint32_t result, std::string_view text) {
+  text = text.substr(0, kPacketMax - kAnswerHead);
+  std::vector<unsigned char> packet(kAnswerHead);
   unsigned char* cursor = packet.data();
   SetHostU32(kMagic, cursor);
   SetHostU32(result, cursor);
+  packet.insert(packet.end(), text.begin(), text.end());
   return packet;
 }
 
-bool DecodeAnswer(std::span<const unsigned char> packet, uint32_t& result) {
-  if (packet.size() != kAnswerSize) return false;
+bool DecodeAnswer(std::span<const unsigned char> packet, uint32_t& result, std::string& text) {
+  if (packet.size() < kAnswerHead) return false;
   std::vector<unsigned char> copy(packet.begin(), packet.end());
   unsigned char* cursor = copy.data();
   uint32_t magic = 0;
   GetHostU32(cursor, magic);
   GetHostU32(cursor, result);
+  text.assign(copy.begin() + kAnswerHead, copy.end());
   return magic == kMagic;
 }
 

@@ -1,17 +1,22 @@
-/// `board_main` stands in for the platform's main process on a development board: it hosts the component that
-/// asks for updates. Usage: board_main [--config FILE] [--socket PATH]
+/// `board_main`, the platform's main process: it owns the main queue, knows every process of the platform,
+/// passes on what they send each other and keeps them running, authorises updates, and hosts the component
+/// that asks for them. Usage: board_main [--config FILE] [--socket PATH]
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/file.h>
 
 #include <exception>
 #include <string>
 
+#include "base/owners.h"
 #include "board_link/board_link.h"
+#include "board_main/main_queue.h"
+#include "board_main/request_server.h"
+#include "board_main/requester_comp.h"
 #include "frame/public_file_cfg.h"
 #include "log/run_log.h"
-#include "request_server.h"
-#include "requester_comp.h"
 #include "velto/kel_cfg.h"
 
 namespace {
@@ -46,6 +51,14 @@ uint32_t StartLog() {
   return result != 0 ? result : TOLA_LogControl(0, 4, 3);
 }
 
+/// Two main processes would take each other's frames. The lock is held as long as the process lives.
+uint32_t LockOut(const char* socketPath) {
+  static base::UniqueFd lock;
+  lock.reset(
+      open((std::string(socketPath) + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  return lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
+}
+
 /// One step of start-up; its failure is said and ends the process.
 bool Step(const char* name, uint32_t result) {
   if (result != 0) (void)fprintf(stderr, "board_main: %s failed with %#x\n", name, result);
@@ -61,12 +74,16 @@ int main(int argc, char** argv) {
       (void)fprintf(stderr, "usage: board_main [--config FILE] [--socket PATH]\n");
       return 2;
     }
-    const bool started = Step("reading the configuration", KEL_CfgdbInitByFsldr(options.config)) &&
+    static auto& mainQueue = *new board_main::MainQueue;  // never ends: its tasks do not either
+    const bool started = Step("being the only main process", LockOut(options.socket)) &&
+                         Step("reading the configuration", KEL_CfgdbInitByFsldr(options.config)) &&
                          Step("starting the runtime", KEL_Start(nullptr)) &&
                          Step("reading the path configuration", TOLA_Start(kPathCfg, nullptr)) &&
                          Step("starting the run log", StartLog()) &&
-                         Step("starting the requesting component", StartRequesterComp());
-    return started ? ServeRequests(options.socket) : 1;
+                         Step("opening the main queue", mainQueue.Open()) &&
+                         Step("starting the main queue", mainQueue.Start()) &&
+                         Step("starting the requesting component", board_main::StartRequesterComp());
+    return started ? board_main::ServeRequests(options.socket, mainQueue) : 1;
   } catch (const std::exception& error) {
     (void)fprintf(stderr, "board_main: %s\n", error.what());
     return 1;

@@ -1,4 +1,4 @@
-#include "requester_comp.h"
+#include "board_main/requester_comp.h"
 
 #include "comp/comp_manager.h"
 #include "comp/comp_msg.h"
@@ -7,6 +7,7 @@
 #include "update/exe_script_proxy.h"
 #include "update/script_exe_ids.h"
 
+namespace board_main {
 namespace {
 
 constexpr char kLoopback[] = "127.0.0.1";
@@ -66,3 +67,5 @@ uint32_t StartRequesterComp() {
   type.inst[0].csi = kRequesterCompId;
   return TolaOsKickOffComps(&type);
 }
+
+}  // namespace board_main

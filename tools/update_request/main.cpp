@@ -22,11 +22,15 @@ uint32_t SetIfGiven(TolaCmpMsg::MsgText& field, const std::string& text, uint32_
 
 bool FillRequest(const RequestOptions& options, board_link::Request& request) {
   auto& record = request.record;
+  request.kind = options.kind;
+  request.authorisation = options.authorisation;
+  request.json = options.json;
+  request.app = options.app;
+  request.words = options.words;
   record.caType = options.caType;
   record.featureId = options.featureId;
   record.checkFeatureId = options.checkFeatureId ? 1 : 0;
   request.cpuLimit = options.cpuLimit;
-  request.needAuth = options.signatureDir.empty();
   return SetIfGiven(record.scriptFullPath, options.script, record.kPathLimit) == 0 &&
          SetIfGiven(record.updateFileFullPath, options.package, record.kPathLimit) == 0 &&
          SetIfGiven(record.signaturePath, options.signatureDir, record.kNameLimit) == 0 &&
@@ -60,6 +64,17 @@ void PrintResult(const RequestOptions& options, uint32_t result) {
   }
 }
 
+/// What the board said to a request that is no update.
+void PrintText(const RequestOptions& options, uint32_t result, const std::string& text) {
+  if (options.kind == board_link::Kind::kStatus) {
+    (void)fputs(text.c_str(), stdout);  // text or JSON, as it was asked for
+  } else if (options.json) {
+    (void)printf("{\"answered\":true,\"result\":%u,\"meaning\":\"%s\"}\n", result, text.c_str());
+  } else {
+    (void)printf("%s\n", text.c_str());
+  }
+}
+
 int Ask(const RequestOptions& options) {
   board_link::Request request;
   if (!FillRequest(options, request)) {
@@ -79,13 +94,19 @@ int Ask(const RequestOptions& options) {
   const auto ready = TEMP_FAILURE_RETRY(poll(&waiting, 1, static_cast<int>(options.timeoutSeconds) * 1000));
   if (ready <= 0) return NoAnswer(options, "no result in time", "the update may still be running");
 
-  unsigned char answer[board_link::kPacketMax];
-  const ssize_t length = recv(link.get(), answer, sizeof(answer), 0);
+  std::vector<unsigned char> answer(board_link::kPacketMax);
+  const ssize_t length = recv(link.get(), answer.data(), answer.size(), 0);
   uint32_t result = 0;
-  if (length <= 0 || !board_link::DecodeAnswer(std::span(answer, static_cast<size_t>(length)), result)) {
+  std::string text;
+  if (length <= 0 ||
+      !board_link::DecodeAnswer(std::span(answer).first(static_cast<size_t>(length)), result, text)) {
     return NoAnswer(options, "the link broke before the result", "board_main ended or refused the request");
   }
-  PrintResult(options, result);
+  if (options.kind == board_link::Kind::kUpdate) {
+    PrintResult(options, result);
+  } else {
+    PrintText(options, result, text);
+  }
   return result == 0 ? kExitDone : kExitRefused;
 }
 

@@ -3,6 +3,8 @@
 #include <getopt.h>
 #include <stdlib.h>
 
+#include <algorithm>
+
 #include "board_link/board_link.h"
 
 namespace {
@@ -17,7 +19,11 @@ constexpr char kUsage[] =
     "  --package PATH        update package on the board\n"
     "  --signature-dir DIR   directory of list, signature and revocation list; without it the board asks for "
     "an\n"
-    "                        authorisation instead of verifying\n"
+    "                        authorisation instead of verifying, and is refused it unless one of these is "
+    "given:\n"
+    "  --authorise           grant it\n"
+    "  --refuse              refuse it\n"
+    "  --hold                leave it unanswered until --release\n"
     "  --list NAME           signed file list in that directory\n"
     "  --signature NAME      detached signature in that directory\n"
     "  --crl NAME            revocation list in that directory; without it the board uses the stored one\n"
@@ -28,6 +34,12 @@ constexpr char kUsage[] =
     "  --timeout SECONDS     how long to wait for the result (default 2700)\n"
     "  --socket PATH         where the board's main process listens (default /run/board_main.sock)\n"
     "  --json                print one JSON object instead of a line\n"
+    "Instead of an update:\n"
+    "  --status              what the main process knows of the board's processes\n"
+    "  --release             grant the authorisations that are held\n"
+    "  --restart NAME        end the application and start it again\n"
+    "  --register-again NAME ask the application's fault agent to register again\n"
+    "  --debug NAME:N,N,...  send the application's fault agent a debug request of these numbers\n"
     "Exit: 0 the update ran and succeeded, 1 it was refused or failed, 2 usage, 3 the board does not "
     "answer.\n";
 
@@ -46,6 +58,14 @@ enum Option : int {
   kSocket,
   kJson,
   kHelp,
+  kAuthorise,
+  kRefuse,
+  kHold,
+  kStatus,
+  kRelease,
+  kRestart,
+  kRegisterAgain,
+  kDebug,
 };
 
 constexpr option kOptions[] = {
@@ -63,6 +83,14 @@ constexpr option kOptions[] = {
     {"socket", required_argument, nullptr, kSocket},
     {"json", no_argument, nullptr, kJson},
     {"help", no_argument, nullptr, kHelp},
+    {"authorise", no_argument, nullptr, kAuthorise},
+    {"refuse", no_argument, nullptr, kRefuse},
+    {"hold", no_argument, nullptr, kHold},
+    {"status", no_argument, nullptr, kStatus},
+    {"release", no_argument, nullptr, kRelease},
+    {"restart", required_argument, nullptr, kRestart},
+    {"register-again", required_argument, nullptr, kRegisterAgain},
+    {"debug", required_argument, nullptr, kDebug},
     {},
 };
 
@@ -112,6 +140,44 @@ bool SetText(const TextOption& row, const char* text, RequestOptions& options) {
   return false;
 }
 
+bool SetAuthorisation(board_link::Authorisation answer, RequestOptions& options) {
+  options.authorisation = answer;
+  options.authorisationIsGiven = true;
+  return true;
+}
+
+bool SetKind(int value, const char* text, RequestOptions& options) {
+  switch (value) {
+    case kStatus:
+      options.kind = board_link::Kind::kStatus;
+      return true;
+    case kRelease:
+      options.kind = board_link::Kind::kRelease;
+      return true;
+    case kRestart:
+      options.kind = board_link::Kind::kRestart;
+      break;
+    case kRegisterAgain:
+      options.kind = board_link::Kind::kRegisterAgain;
+      break;
+    default:
+      options.kind = board_link::Kind::kDebug;
+      break;
+  }
+  options.app = text;
+  if (value != kDebug) return true;
+  size_t at = options.app.rfind(':');
+  const std::string numbers = at == std::string::npos ? "" : options.app.substr(at + 1);
+  options.app.resize(at == std::string::npos ? 0 : at);
+  for (at = 0; at <= numbers.size();) {
+    const size_t end = std::min(numbers.find(',', at), numbers.size());
+    uint16_t& word = options.words.emplace_back();
+    if (!SetNumber(value, numbers.substr(at, end - at).c_str(), UINT16_MAX, word)) return false;
+    at = end + 1;
+  }
+  return true;
+}
+
 bool SetOption(int value, const char* text, RequestOptions& options) {
   for (const TextOption& row : kTexts) {
     if (row.option == value) return SetText(row, text, options);
@@ -132,6 +198,18 @@ bool SetOption(int value, const char* text, RequestOptions& options) {
     case kHelp:
       options.help = true;
       return true;
+    case kAuthorise:
+      return SetAuthorisation(board_link::Authorisation::kGrant, options);
+    case kRefuse:
+      return SetAuthorisation(board_link::Authorisation::kRefuse, options);
+    case kHold:
+      return SetAuthorisation(board_link::Authorisation::kHold, options);
+    case kStatus:
+    case kRelease:
+    case kRestart:
+    case kRegisterAgain:
+    case kDebug:
+      return SetKind(value, text, options);
     default:  // getopt_long has said what is wrong
       return false;
   }
@@ -151,6 +229,11 @@ bool ParseOptions(int argc, char** argv, RequestOptions& options) {
   if (optind != argc) {
     (void)fprintf(stderr, "update_request: '%s' is no option; every field has one, see --help\n",
                   argv[optind]);
+    return false;
+  }
+  if (options.authorisationIsGiven && !options.signatureDir.empty()) {
+    (void)fprintf(stderr,
+                  "update_request: a signed update (--signature-dir) is verified, never authorised\n");
     return false;
   }
   return true;

@@ -5,8 +5,16 @@
 #include <stdio.h>
 
 #include <string>
+#include <vector>
+
+#include "board_link/board_link.h"
 
 struct RequestOptions {
+  board_link::Kind kind = board_link::Kind::kUpdate;
+  board_link::Authorisation authorisation = board_link::Authorisation::kRefuse;
+  bool authorisationIsGiven = false;
+  std::string app;              ///< of the requests about an application
+  std::vector<uint16_t> words;  ///< of a debug request
   std::string script;
   std::string package;
   std::string signatureDir;

@@ -1,0 +1,122 @@
+#include "board_main/process_control.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "base/owners.h"
+
+namespace board_main {
+namespace {
+
+constexpr int kExitNotStarted = 127;
+constexpr size_t kStatMax = 1024;
+constexpr size_t kArgumentsMax = 65536;
+constexpr int kFirstOwnFd = 3;
+constexpr int kLastOwnFd = 1023;
+constexpr char kReplaced[] = " (deleted)";  ///< what the kernel adds to the path of a file that was replaced
+
+std::string ProcPath(pid_t pid, const char* name) {
+  return "/proc/" + std::to_string(pid) + "/" + name;
+}
+
+std::string ReadSome(const std::string& path, size_t limit) {
+  std::string content(limit, '\0');
+  const base::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  size_t length = 0;
+  while (fd && length < limit) {
+    const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), content.data() + length, limit - length));
+    if (got <= 0) break;
+    length += static_cast<size_t>(got);
+  }
+  content.resize(length);
+  return content;
+}
+
+std::string ReadLink(const std::string& path) {
+  char target[PATH_MAX];
+  const ssize_t length = readlink(path.c_str(), target, sizeof(target));
+  return length <= 0 || length == sizeof(target) ? std::string()
+                                                 : std::string(target, static_cast<size_t>(length));
+}
+
+/// State and start time of a process: the 3rd and the 22nd field, of which the 2nd is a name in parentheses.
+bool ReadStat(pid_t pid, char& state, unsigned long long& startTicks) {
+  const std::string stat = ReadSome(ProcPath(pid, "stat"), kStatMax);
+  const size_t end = stat.rfind(')');
+  return end != std::string::npos &&
+         sscanf(stat.c_str() + end + 1,
+                " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu", &state,
+                &startTicks) == 2;
+}
+
+/// Runs in the child: plain system calls only.
+[[noreturn]] void BecomeProcess(const ProcessImage& image, char* const* arguments) {
+  sigset_t none;
+  (void)sigemptyset(&none);
+  (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+  (void)setsid();
+  const int null = open("/dev/null", O_RDWR);
+  for (int fd = 0; fd < kFirstOwnFd; ++fd) (void)dup2(null, fd);
+  for (int fd = kFirstOwnFd; fd <= kLastOwnFd; ++fd) (void)close(fd);
+  // A process of another user is never started with this one's rights.
+  if (image.user != geteuid() &&
+      (setgroups(1, &image.group) != 0 || setgid(image.group) != 0 || setuid(image.user) != 0)) {
+    _exit(kExitNotStarted);
+  }
+  if (chdir(image.directory.c_str()) != 0 && chdir("/") != 0) _exit(kExitNotStarted);
+  (void)execv(image.program.c_str(), arguments);
+  _exit(kExitNotStarted);
+}
+
+}  // namespace
+
+bool ReadProcessImage(pid_t pid, ProcessImage& image) {
+  char state = 0;
+  unsigned long long startTicks = 0;
+  struct stat owner = {};
+  if (!ReadStat(pid, state, startTicks) || stat(ProcPath(pid, "").c_str(), &owner) != 0) return false;
+  image = {};
+  image.pid = pid;
+  image.startTicks = startTicks;
+  image.user = owner.st_uid;
+  image.group = owner.st_gid;
+  image.program = ReadLink(ProcPath(pid, "exe"));
+  if (image.program.ends_with(kReplaced)) image.program.resize(image.program.size() - sizeof(kReplaced) + 1);
+  image.directory = ReadLink(ProcPath(pid, "cwd"));
+  const std::string line = ReadSome(ProcPath(pid, "cmdline"), kArgumentsMax);
+  for (size_t at = 0; at < line.size();) {
+    image.arguments.emplace_back(line.c_str() + at);
+    at += image.arguments.back().size() + 1;
+  }
+  return !image.program.empty() && !image.arguments.empty() && ProcessIsAlive(image);
+}
+
+bool ProcessIsAlive(const ProcessImage& image) {
+  char state = 0;
+  unsigned long long startTicks = 0;
+  return ReadStat(image.pid, state, startTicks) && startTicks == image.startTicks && state != 'Z' &&
+         state != 'X';
+}
+
+void SignalProcess(const ProcessImage& image, int signal) {
+  if (ProcessIsAlive(image)) (void)kill(image.pid, signal);
+}
+
+pid_t StartProcess(const ProcessImage& image) {
+  std::vector<char*> arguments;
+  for (const std::string& argument : image.arguments)
+    arguments.push_back(const_cast<char*>(argument.c_str()));
+  arguments.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) BecomeProcess(image, arguments.data());
+  return pid;
+}
+
+}  // namespace board_main
