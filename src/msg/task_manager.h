@@ -72,11 +72,18 @@ class CTaskManager {
     void* argument = nullptr;
   };
 
+  enum class Supervision : uint8_t {
+    kNone,
+    kWanted,  ///< there is no heart-beat manager yet
+    kOn,
+  };
+
   static void TaskEntry(uintptr_t manager, uintptr_t argument, uintptr_t, uintptr_t);
   [[noreturn]] void RunTask();
-  void Supervise(bool& supervised) const;
+  [[nodiscard]] Supervision Supervise() const;
   void ProcessEvents(uint32_t pending);
   EventFunc Bound(uint32_t bit);
+  void Release(uint32_t eventBit);  ///< under the lock
 
   std::atomic<uint32_t> taskId_{kTaskManagerNoTask};
   uint16_t heartBeatTimeoutS_ = 0;  ///< this and the next two are set before the task runs
