@@ -1,12 +1,16 @@
-/// Tagged memory over malloc. A header in front of each allocation holds tag, size and place; all headers
-/// stand in a hash table by address, so that a pointer that is given back is recognised or refused without
-/// reading memory that may not be ours.
+/// Tagged memory: small blocks from free lists, larger ones from the heap. A header in front of each
+/// allocation holds tag, size and place, and whether it is live, so that a pointer that is given back is
+/// recognised or refused without reading memory that may not be ours.
 ///
-/// Each chain of the table is locked by the lowest bit of its head, for a few instructions at a time. Links
-/// are stored inverted: they keep nothing alive in the eyes of a leak checker, which then sees real leaks.
+/// The headers of the heap's blocks stand in a hash table by address. Each chain of it is locked by the
+/// lowest bit of its head, for a few instructions at a time. Links are stored inverted: they keep nothing
+/// alive in the eyes of a leak checker, which then sees real leaks.
+///
+/// What is used is the reported sum and the drifts of the threads' caches, each at most kDriftMax to either
+/// side. Far below the budget a thread looks at the sum alone; near it, and for large blocks, it reports at
+/// once and adds the drifts up.
 #include "velto/kel_mem.h"
 
-#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,29 +18,23 @@
 #include <mutex>
 
 #include "velto/kel_cfg_table.h"
+#include "velto/kel_mem_cache.h"
 #include "velto/kel_table.h"
 #include "velto/kel_wait.h"
 
 namespace velto {
 namespace {
 
-constexpr uint32_t kMagic = 0x4D454D31;
-
-struct alignas(max_align_t) Header {
-  uintptr_t next;  // hidden
-  const char* file;
-  uint32_t size;
-  uint32_t line;
-  uint32_t handle;
-  uint32_t magic;
-};
+using Header = MemHeader;
 
 constexpr uint32_t kHandleMax = 256;
 char gHandleNames[kHandleMax][kNameSize];
 std::atomic<uint32_t> gHandleCount{0};
 std::mutex gHandleLock;  // writers of the two above; names are written once, before they are counted
 
-std::atomic<uint64_t> gUsed{0};
+constexpr int64_t kDriftMax = 8192;
+constexpr int64_t kNearBudget = 2 * kMemCaches * kDriftMax;  // drifts, and what is on its way into the sum
+std::atomic<int64_t> gReported{0};
 
 constexpr uintptr_t kLocked = 1;
 
@@ -46,6 +44,10 @@ uintptr_t Hide(const Header* header) {
 
 Header* Show(uintptr_t link) {
   return link != 0 ? reinterpret_cast<Header*>(~link & ~kLocked) : nullptr;
+}
+
+Header* Next(const Header* header) {
+  return Show(header->link.load(std::memory_order_relaxed));
 }
 
 /// A chain of headers, locked while the object lives.
@@ -64,15 +66,20 @@ class Chain {
   [[nodiscard]] const Header* first() const { return Show(first_); }
 
   void Add(Header* header) {
-    header->next = first_;
+    header->link.store(first_, std::memory_order_relaxed);
     first_ = Hide(header);
   }
 
   [[nodiscard]] bool Remove(const Header* header) {
     Header* before = nullptr;
-    for (Header* at = Show(first_); at != nullptr; before = at, at = Show(at->next)) {
+    for (Header* at = Show(first_); at != nullptr; before = at, at = Next(at)) {
       if (at != header) continue;
-      (before != nullptr ? before->next : first_) = at->next;
+      const uintptr_t rest = at->link.load(std::memory_order_relaxed);
+      if (before != nullptr) {
+        before->link.store(rest, std::memory_order_relaxed);
+      } else {
+        first_ = rest;
+      }
       return true;
     }
     return false;
@@ -96,10 +103,36 @@ bool HandleIsKnown(uint32_t handle) {
   return handle != 0 && handle <= gHandleCount.load(std::memory_order_acquire);
 }
 
-bool Charge(uint32_t size) {
-  const uint64_t used = gUsed.fetch_add(size, std::memory_order_relaxed) + size;
-  if (used <= CfgNumber(kCfgMemBudgetBytes)) return true;
-  gUsed.fetch_sub(size, std::memory_order_relaxed);
+int64_t Drifts() {
+  int64_t sum = 0;
+  for (const MemCache& cache : gMemCaches) sum += cache.drift.load(std::memory_order_relaxed);
+  return sum;
+}
+
+/// Counts `bytes` more, or less, as used.
+inline void Account(MemCache* cache, int64_t bytes) {
+  const int64_t drift =
+      cache != nullptr ? cache->drift.load(std::memory_order_relaxed) + bytes : kDriftMax + 1;
+  if (drift >= -kDriftMax && drift <= kDriftMax) {
+    cache->drift.store(static_cast<int32_t>(drift), std::memory_order_relaxed);
+    return;
+  }
+  gReported.fetch_add(bytes);
+  if (cache != nullptr) MemReport(*cache);
+}
+
+/// Counts `size` as used when the budget allows it.
+bool Charge(MemCache* cache, uint32_t size) {
+  const auto budget = static_cast<int64_t>(CfgNumber(kCfgMemBudgetBytes));
+  if (cache != nullptr && size <= kMemSmallMax &&
+      gReported.load(std::memory_order_relaxed) + size + kNearBudget <= budget) {
+    Account(cache, size);
+    return true;
+  }
+  if (cache != nullptr) MemReport(*cache);
+  const int64_t used = gReported.fetch_add(size) + size;
+  if (used + kNearBudget <= budget || used + Drifts() <= budget) return true;
+  gReported.fetch_sub(size);
   return false;
 }
 
@@ -109,10 +142,79 @@ bool Charge(uint32_t size) {
   abort();
 }
 
+/// A block of the heap, in no chain yet, or null.
+Header* NewOnHeap(uint32_t size) {
+  const uint64_t whole = uint64_t{size} + sizeof(Header);
+  void* memory = whole <= SIZE_MAX ? malloc(static_cast<size_t>(whole)) : nullptr;
+  return memory != nullptr ? new (memory) Header{} : nullptr;
+}
+
+inline void Fill(Header* header, uint32_t handle, uint32_t size, const char* file, uint32_t line) {
+  constexpr auto kRelaxed = std::memory_order_relaxed;
+  const uint32_t tag = header->tag.load(kRelaxed);
+  header->tag.store(
+      (handle << kMemHandleShift) | (tag & (kMemUsesMask << kMemClassShift)) | ((tag + 1) & kMemUsesMask),
+      kRelaxed);
+  header->file.store(file, kRelaxed);
+  header->size.store(size, kRelaxed);
+  header->line.store(line, kRelaxed);
+  header->state.store(MemState(kMemLive, header), std::memory_order_release);
+}
+
+/// Takes a block of the heap out of its chain, or ends the process.
+void Unchain(Header* header, const char* file, uint32_t line) {
+  if (!Chain(ChainOf(header)).Remove(header)) {
+    Die(header + 1, "it is not live tagged memory, or was given back before", file, line);
+  }
+  if (header->state.load(std::memory_order_relaxed) != MemState(kMemLive, header))
+    Die(header + 1, "the bytes in front of it were overwritten", file, line);
+}
+
+/// Marks a block of the region free, or ends the process. Two threads that give it back in the same instant
+/// are found out when it is taken the second time.
+void MarkFree(Header* header, const char* file, uint32_t line) {
+  const uint32_t state = header->state.load(std::memory_order_relaxed);
+  if (state != MemState(kMemLive, header)) {
+    const bool broken = MemIsBlock(header) && state != MemState(kMemFree, header);
+    Die(header + 1,
+        broken ? "the bytes in front of it were overwritten"
+               : "it is not live tagged memory, or was given back before",
+        file, line);
+  }
+  header->state.store(MemState(kMemFree, header), std::memory_order_relaxed);
+}
+
+struct Visitor {
+  void (*visit)(const KelMemLive* live, uintptr_t arg);
+  uintptr_t arg;
+};
+
+void Visit(const Header* header, uintptr_t arg) {
+  const auto* visitor = reinterpret_cast<const Visitor*>(arg);
+  constexpr auto kAcquire = std::memory_order_acquire;
+  const uint32_t tag = header->tag.load(kAcquire);
+  if (header->state.load(kAcquire) != MemState(kMemLive, header)) return;
+  const uint32_t handle = tag >> kMemHandleShift;
+  const KelMemLive live{HandleIsKnown(handle) ? gHandleNames[handle - 1] : "?", header->size.load(kAcquire),
+                        header->file.load(kAcquire), header->line.load(kAcquire)};
+  if (header->tag.load() == tag) visitor->visit(&live, visitor->arg);  // else it changed hands meanwhile
+}
+
 }  // namespace
+
+void MemReport(MemCache& cache) {
+  const int32_t drift = cache.drift.load(std::memory_order_relaxed);
+  if (drift == 0) return;
+  // What is read between the two is too much rather than too little.
+  if (drift > 0) gReported.fetch_add(drift);
+  cache.drift.store(0);
+  if (drift < 0) gReported.fetch_add(drift);
+}
+
 }  // namespace velto
 
-using velto::Header;
+using velto::MemCache;
+using velto::MemHeader;
 
 uint32_t KEL_HandleInitialize(const char* name, uint32_t* handle) {
   if (!velto::NameFits(name) || handle == nullptr) return kKelErrMemPara;
@@ -130,14 +232,25 @@ uint32_t KEL_HandleInitialize(const char* name, uint32_t* handle) {
 }
 
 void* KEL_MemAlloc_F(uint32_t handle, uint32_t partition, uint32_t size, const char* file, uint32_t line) {
-  if (partition != 0 || !velto::HandleIsKnown(handle) || !velto::Charge(size)) return nullptr;
-  const uint64_t whole = uint64_t{size} + sizeof(Header);
-  auto* header = whole <= SIZE_MAX ? static_cast<Header*>(malloc(static_cast<size_t>(whole))) : nullptr;
+  if (partition != 0 || !velto::HandleIsKnown(handle)) return nullptr;
+  MemCache* cache = velto::MemCacheOfThread();
+  if (!velto::Charge(cache, size)) return nullptr;
+  MemHeader* header = nullptr;
+  if (cache != nullptr && size <= velto::kMemSmallMax)
+    header = velto::MemTake(*cache, velto::MemClassOf(size));
+  if (header != nullptr) {
+    if (header->state.load(std::memory_order_relaxed) != velto::MemState(velto::kMemFree, header)) {
+      velto::Die(header + 1, "twice, or written to afterwards; found when it was taken again", file, line);
+    }
+    velto::Fill(header, handle, size, file, line);
+    return header + 1;
+  }
+  header = velto::NewOnHeap(size);
   if (header == nullptr) {
-    velto::gUsed.fetch_sub(size, std::memory_order_relaxed);
+    velto::Account(cache, -int64_t{size});
     return nullptr;
   }
-  *header = {0, file, size, line, handle, velto::kMagic};
+  velto::Fill(header, handle, size, file, line);
   velto::Chain(velto::ChainOf(header)).Add(header);
   return header + 1;
 }
@@ -145,14 +258,17 @@ void* KEL_MemAlloc_F(uint32_t handle, uint32_t partition, uint32_t size, const c
 void KEL_MemFree_F(void* memory, const char* file, uint32_t line) {
   if (memory == nullptr) return;
   // The address is only compared, and read once it is known to be ours.
-  auto* header = reinterpret_cast<Header*>(reinterpret_cast<uintptr_t>(memory) - sizeof(Header));
-  if (!velto::Chain(velto::ChainOf(header)).Remove(header)) {
-    velto::Die(memory, "it is not live tagged memory, or was given back before", file, line);
+  auto* header = reinterpret_cast<MemHeader*>(reinterpret_cast<uintptr_t>(memory) - sizeof(MemHeader));
+  MemCache* cache = velto::MemCacheOfThread();
+  if (velto::MemInRegion(header)) {
+    velto::MarkFree(header, file, line);
+    velto::Account(cache, -int64_t{header->size.load(std::memory_order_relaxed)});
+    velto::MemGive(cache, header);
+    return;
   }
-  if (header->magic != velto::kMagic)
-    velto::Die(memory, "the bytes in front of it were overwritten", file, line);
-  header->magic = 0;
-  velto::gUsed.fetch_sub(header->size, std::memory_order_relaxed);
+  velto::Unchain(header, file, line);
+  velto::Account(cache, -int64_t{header->size.load(std::memory_order_relaxed)});
+  header->state.store(0, std::memory_order_relaxed);
   free(header);
 }
 
@@ -161,38 +277,40 @@ uint32_t KEL_MemGetTotalSize(void) {
 }
 
 uint32_t KEL_MemGetFreeSize(void) {
-  const uint64_t budget = velto::CfgNumber(velto::kCfgMemBudgetBytes);
-  const uint64_t used = velto::gUsed.load();
+  const auto budget = static_cast<int64_t>(velto::CfgNumber(velto::kCfgMemBudgetBytes));
+  const int64_t used = velto::gReported.load() + velto::Drifts();
   return used < budget ? static_cast<uint32_t>(budget - used) : 0;
 }
 
 void KEL_MemLiveWalk(void (*visit)(const KelMemLive* live, uintptr_t arg), uintptr_t arg) {
   if (visit == nullptr) return;
+  const velto::Visitor visitor{visit, arg};
+  const auto each = reinterpret_cast<uintptr_t>(&visitor);
+  velto::MemRegionWalk(velto::Visit, each);
   for (std::atomic<uintptr_t>& head : velto::gChains) {
     const velto::Chain chain(head);
-    for (const Header* at = chain.first(); at != nullptr; at = velto::Show(at->next)) {
-      const char* handle = velto::HandleIsKnown(at->handle) ? velto::gHandleNames[at->handle - 1] : "?";
-      const KelMemLive live{handle, at->size, at->file, at->line};
-      visit(&live, arg);
-    }
+    for (const MemHeader* at = chain.first(); at != nullptr; at = velto::Next(at)) velto::Visit(at, each);
   }
 }
 
 uint32_t KEL_HandleUseGet(uint32_t handle, uint64_t* bytes, uint64_t* count) {
   if (bytes == nullptr || count == nullptr) return kKelErrMemPara;
   if (!velto::HandleIsKnown(handle)) return kKelErrMemHandle;
-  uint64_t byteSum = 0;
-  uint64_t countSum = 0;
-  for (std::atomic<uintptr_t>& head : velto::gChains) {
-    const velto::Chain chain(head);
-    for (const Header* at = chain.first(); at != nullptr; at = velto::Show(at->next)) {
-      if (at->handle != handle) continue;
-      byteSum += at->size;
-      ++countSum;
-    }
-  }
-  *bytes = byteSum;
-  *count = countSum;
+  struct Sum {
+    const char* name;
+    uint64_t bytes;
+    uint64_t count;
+  } sum{velto::gHandleNames[handle - 1], 0, 0};
+  KEL_MemLiveWalk(
+      [](const KelMemLive* live, uintptr_t arg) {
+        auto* all = reinterpret_cast<Sum*>(arg);
+        if (live->handle != all->name) return;
+        all->bytes += live->size;
+        ++all->count;
+      },
+      reinterpret_cast<uintptr_t>(&sum));
+  *bytes = sum.bytes;
+  *count = sum.count;
   return 0;
 }
 
