@@ -1,15 +1,18 @@
 /// The module table, the post's routes, and receiving.
 ///
 /// The "MsgMgr" semaphore guards the module blocks and the look-up of an IPC channel. It is never held while
-/// a queue or an event is written or a hook sends. Hooks are atomic words: of a pair, the one that opens the
-/// way is stored last and read first.
+/// a queue or an event is written or a hook sends. A reader of a block does not take it: it reads a turn that
+/// writers move on before and after, and reads again until both turns are one and even. Hooks are atomic
+/// words: of a pair, the one that opens the way is stored last and read first.
 #include "msg/process_msg_manager.h"
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "base/result_codes.h"
 #include "log/run_log.h"
+#include "msg/msg_none_realtime_control.h"
 #include "securec.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_sync.h"
@@ -22,9 +25,19 @@ constexpr uint16_t kPortMsgNumMax = 1856;
 constexpr uint32_t kNotifyAdd = 0;
 constexpr uint32_t kNotifyRemove = 1;
 
+/// A module's block as it stands in the table.
+struct Slot {
+  std::atomic<uint32_t> queueId;
+  std::atomic<uint32_t> taskId;
+  std::atomic<uint32_t> eventMask;
+  uint32_t reserved;
+};
+static_assert(sizeof(Slot) == sizeof(MsgModuleBlock));
+
 std::mutex g_initMutex;
-uint32_t g_sema = 0;                             ///< written before g_blocks
-std::atomic<MsgModuleBlock*> g_blocks{nullptr};  ///< set once the manager is up; lives as long as the process
+uint32_t g_sema = 0;                    ///< written before g_blocks
+std::atomic<Slot*> g_blocks{nullptr};   ///< set once the manager is up; lives as long as the process
+std::atomic<uint32_t> g_blocksTurn{0};  ///< odd while a block changes
 std::atomic<uint32_t> g_maxModule{kMsgDefaultMaxModule};
 
 std::atomic<MsgIsCompFunc> g_isComp{nullptr};
@@ -52,13 +65,25 @@ class MsgMgrGuard {
   bool held_;
 };
 
-uint32_t CopyBlock(uint16_t moduleId, MsgModuleBlock& out) {
-  const MsgModuleBlock* blocks = g_blocks.load(std::memory_order_acquire);
-  if (blocks == nullptr) return kMsgErrNotInit;
-  const MsgMgrGuard guard;
-  if (!guard) return kFailure;
-  out = blocks[moduleId];
-  return kSuccess;
+/// What `slot` held at one moment.
+inline MsgModuleBlock ReadBlock(const Slot& slot) {
+  for (;;) {
+    const uint32_t turn = g_blocksTurn.load(std::memory_order_acquire);
+    const MsgModuleBlock block{slot.queueId.load(std::memory_order_acquire),
+                               slot.taskId.load(std::memory_order_acquire),
+                               slot.eventMask.load(std::memory_order_acquire), 0};
+    if (turn % 2 == 0 && g_blocksTurn.load(std::memory_order_relaxed) == turn) return block;
+    std::this_thread::yield();  // the writer is between a few stores
+  }
+}
+
+/// Call with "MsgMgr" held.
+void StoreBlock(Slot& slot, const MsgModuleBlock& block) {
+  g_blocksTurn.fetch_add(1);
+  slot.queueId.store(block.queueId, std::memory_order_release);
+  slot.taskId.store(block.taskId, std::memory_order_release);
+  slot.eventMask.store(block.eventMask, std::memory_order_release);
+  g_blocksTurn.fetch_add(1);
 }
 
 void NotifyIpc(uint32_t operation, uint16_t moduleId) {
@@ -67,7 +92,7 @@ void NotifyIpc(uint32_t operation, uint16_t moduleId) {
 }
 
 /// The queue that the new module will use: one of its own, or that of `shared` (-1: none).
-uint32_t MakeQueue(const MsgModuleBlock* blocks, int32_t shared, uint32_t queueLength, uint32_t& queueId) {
+uint32_t MakeQueue(const Slot* blocks, int32_t shared, uint32_t queueLength, uint32_t& queueId) {
   if (shared < 0) {
     return KEL_QueueCreate("Que", queueLength, sizeof(void*), &queueId) == 0 ? kSuccess : kMsgErrQueueCreate;
   }
@@ -92,10 +117,12 @@ uint32_t SendByIpc(tagMsgBuf* msg, uint32_t channelMask, bool urgent, uint32_t n
   return ret;
 }
 
-/// Wakes the task of `block` for one message that was queued; the post has succeeded whatever comes of it.
+/// Wakes the task of `block` for one message that was queued, unless it is in no hurry; the post has
+/// succeeded whatever comes of it.
 void WakeReceiver(const MsgModuleBlock& block, uint16_t source, uint16_t destination, uint16_t type,
                   bool urgent) {
-  const uint32_t err = KEL_EventWrite(block.taskId, block.eventMask);
+  if (MsgNoneRealTimeHoldsBack(destination)) return;
+  const uint32_t err = KEL_EventWriteQueued(block.taskId, block.eventMask);
   if (err == 0 || block.taskId == kMsgNoTask) return;
   if (urgent) {
     LOG_ERR(kLogModule, "Eer%d>%d:%#x=%#x", source, destination, type, err);
@@ -139,6 +166,10 @@ uint32_t TOLA_RegisterMsgManagerParameter(const uint16_t* maximum) {
   return kSuccess;
 }
 
+uint32_t MsgMaxModule() {
+  return g_maxModule.load(std::memory_order_relaxed);
+}
+
 uint32_t TOLA_MsgManagerInit() {
   const std::lock_guard lock(g_initMutex);
   if (g_blocks.load(std::memory_order_acquire) != nullptr) return kSuccess;
@@ -149,15 +180,14 @@ uint32_t TOLA_MsgManagerInit() {
   LOG_EVT(kLogModule, "tOla Release Date: %s %s", __DATE__, __TIME__);
   uint32_t handle = 0;
   if (MsgMemInit(&handle) != 0) return kFailure;
-  const auto size =
-      static_cast<uint32_t>(g_maxModule.load(std::memory_order_relaxed) * sizeof(MsgModuleBlock));
+  const auto size = static_cast<uint32_t>(g_maxModule.load(std::memory_order_relaxed) * sizeof(Slot));
   void* blocks = KEL_MEM_ALLOC(handle, size);
   if (blocks == nullptr) return kFailure;
   if (memset_s(blocks, size, 0, size) != EOK) {
     KEL_MEM_FREE(blocks);
     return kFailure;
   }
-  g_blocks.store(static_cast<MsgModuleBlock*>(blocks), std::memory_order_release);
+  g_blocks.store(static_cast<Slot*>(blocks), std::memory_order_release);
   return kSuccess;
 }
 
@@ -165,7 +195,7 @@ uint32_t TOLA_MsgModuleRegister(uint16_t moduleId, uint32_t taskId, uint32_t eve
                                 uint32_t queueLength) {
   if (moduleId >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
   if (queueLength == 0) return kMsgErrQueueLength;
-  MsgModuleBlock* blocks = g_blocks.load(std::memory_order_acquire);
+  Slot* blocks = g_blocks.load(std::memory_order_acquire);
   if (blocks == nullptr) return kMsgErrNotInit;
 
   int32_t shared = -1;
@@ -181,7 +211,7 @@ uint32_t TOLA_MsgModuleRegister(uint16_t moduleId, uint32_t taskId, uint32_t eve
     if (blocks[moduleId].queueId != 0) return kMsgErrRegistered;
     const uint32_t ret = MakeQueue(blocks, shared, queueLength, queueId);
     if (ret != 0) return ret;
-    blocks[moduleId] = {queueId, taskId, eventMask, 0};
+    StoreBlock(blocks[moduleId], {queueId, taskId, eventMask, 0});
   }
   if (HighPriQueueProcBase* highPri = g_highPri.load(std::memory_order_acquire)) {
     (void)highPri->RegisterModule(moduleId, taskId, eventMask,
@@ -196,12 +226,12 @@ uint32_t TOLA_MsgModuleRegister(uint16_t moduleId, uint32_t taskId, uint32_t eve
 
 uint32_t TOLA_MsgModuleUnregister(uint16_t moduleId) {
   if (moduleId >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
-  MsgModuleBlock* blocks = g_blocks.load(std::memory_order_acquire);
+  Slot* blocks = g_blocks.load(std::memory_order_acquire);
   if (blocks == nullptr) return kMsgErrNotInit;
   {
     const MsgMgrGuard guard;
     if (!guard) return kFailure;
-    blocks[moduleId] = {};
+    StoreBlock(blocks[moduleId], {});
   }
   if (HighPriQueueProcBase* highPri = g_highPri.load(std::memory_order_acquire)) {
     (void)highPri->UnregisterModule(moduleId);  // nothing is left to undo here
@@ -226,14 +256,15 @@ uint32_t MsgPost(uint16_t destination, tagMsgBuf* msg, bool urgent, bool* taken)
     *taken = ret == 0;
     return ret;
   }
-  if (g_blocks.load(std::memory_order_acquire) == nullptr) return kMsgErrNotInit;
+  const Slot* blocks = g_blocks.load(std::memory_order_acquire);
+  if (blocks == nullptr) return kMsgErrNotInit;
   if (destination >= kMsgAppCompFirst && destination < kMsgAppCompEnd) {
     return SendByIpc(msg, 0xFFFFFFFF, urgent, kMsgErrNoIpc, taken);
   }
   if (destination >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
 
-  MsgModuleBlock block{};
-  const uint32_t ret = urgent ? highPri->GetBlock(destination, &block) : CopyBlock(destination, block);
+  MsgModuleBlock block = ReadBlock(blocks[destination]);
+  const uint32_t ret = urgent ? highPri->GetBlock(destination, &block) : kSuccess;
   if (ret != 0) return ret;
   if (block.queueId != 0) return Enqueue(block, destination, msg, urgent, taken);
   return SendByIpc(msg, 0xFFFF, urgent, kSuccess, taken);  // kept: 0 without hooks, though nobody took it
@@ -261,12 +292,12 @@ uint32_t TOLA_MsgRecv(uint16_t moduleId, tagMsgBuf** out, uint32_t wait) {
   tagMsgBuf* msg = nullptr;
   HighPriQueueProcBase* highPri = g_highPri.load(std::memory_order_acquire);
   if (highPri == nullptr || highPri->Receive(moduleId, &msg, wait) != 0 || msg == nullptr) {
-    MsgModuleBlock block{};
-    const uint32_t ret = CopyBlock(moduleId, block);
-    if (ret != 0) return ret;
-    if (block.queueId == 0) return kMsgErrNotRegistered;
+    const Slot* blocks = g_blocks.load(std::memory_order_acquire);
+    if (blocks == nullptr) return kMsgErrNotInit;
+    const uint32_t queueId = blocks[moduleId].queueId.load(std::memory_order_acquire);
+    if (queueId == 0) return kMsgErrNotRegistered;
     uint32_t readSize = 0;
-    const uint32_t err = KEL_QueueAsyRead(block.queueId, &msg, sizeof(void*), &readSize);
+    const uint32_t err = KEL_QueueAsyRead(queueId, &msg, sizeof(void*), &readSize);
     if (err != 0 || readSize != sizeof(void*)) return kMsgErrQueueRead;
   }
   *out = msg;
@@ -277,7 +308,10 @@ uint32_t TOLA_MsgRecv(uint16_t moduleId, tagMsgBuf** out, uint32_t wait) {
 uint32_t TOLA_GetMsgBlock(uint16_t moduleId, MsgModuleBlock* out) {
   if (out == nullptr) return kFailure;
   if (moduleId >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
-  return CopyBlock(moduleId, *out);
+  const Slot* blocks = g_blocks.load(std::memory_order_acquire);
+  if (blocks == nullptr) return kMsgErrNotInit;
+  *out = ReadBlock(blocks[moduleId]);
+  return kSuccess;
 }
 
 uint32_t TOLA_GetHighPriMsgBlock(uint16_t moduleId, MsgModuleBlock* out) {
@@ -289,7 +323,7 @@ int32_t TOLA_GetPortMsgNum(uint16_t moduleId) {
   if (moduleId > kPortMsgNumMax) return -1;
   MsgModuleBlock block{};
   uint32_t messages = 0;
-  if (CopyBlock(moduleId, block) != 0 || KEL_QueueMsgNumGet(block.queueId, &messages) != 0) return -1;
+  if (TOLA_GetMsgBlock(moduleId, &block) != 0 || KEL_QueueMsgNumGet(block.queueId, &messages) != 0) return -1;
   return static_cast<int32_t>(messages);
 }
 

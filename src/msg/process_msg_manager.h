@@ -8,5 +8,8 @@
 /// which the result alone does not: without an IPC hook, 0 is the result for a message that nobody took.
 [[nodiscard]] uint32_t MsgPost(uint16_t destination, tagMsgBuf* msg, bool urgent, bool* taken);
 
+/// Number of platform modules: their ids are below it.
+[[nodiscard]] uint32_t MsgMaxModule();
+
 /// Makes the handle that message buffers are counted under. @retval 1 the runtime has none left
 [[nodiscard]] uint32_t MsgMemInit(uint32_t* handle);

@@ -86,8 +86,10 @@ uint32_t Read(Queue& queue, void* entry) {
       cell.turn.store(turn + 1, std::memory_order_release);  // the next lap's writer's
       return 0;
     }
-    if (queue.tail.load(std::memory_order_acquire) <= position) return kKelErrQueueEmpty;
-    WaitBriefly(turns++);  // its writer still copies, or another reader was faster
+    if (queue.tail.load() <= position)
+      return kKelErrQueueEmpty;  // in one order with the writer's claim: see
+                                 // KEL_EventWriteQueued
+    WaitBriefly(turns++);        // its writer still copies, or another reader was faster
   }
 }
 

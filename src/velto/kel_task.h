@@ -55,6 +55,11 @@ uint32_t KEL_TaskMaxIdGet(void);
 /// are read. Any thread; async-signal-safe.
 [[nodiscard]] uint32_t KEL_EventWrite(uint32_t taskId, uint32_t mask);
 
+/// KEL_EventWrite for a thread that has just put an entry into a queue (KEL_QueueAsyWrite): bits that the
+/// task has not read yet are left as they are, since it finds the entry when it drains the queue after
+/// reading them. For anything but a queue's entries it may come too early.
+[[nodiscard]] uint32_t KEL_EventWriteQueued(uint32_t taskId, uint32_t mask);
+
 inline constexpr uint32_t kKelEventAny =
     0;  ///< the one mode of KEL_EventRead: any bit of the mask ends the wait
 

@@ -52,6 +52,19 @@ uint32_t AwaitEvents(TaskSlot& slot, uint32_t mask, uint32_t timeoutMs) {
   }
 }
 
+/// The slot of a task that may be sent events, or null.
+TaskSlot* EventTarget(uint32_t taskId) {
+  TaskSlot* slot = TaskSlotOf(taskId);
+  if (slot == nullptr) return nullptr;
+  const uint32_t phase = TaskPhaseOf(slot->state.load());
+  return phase == kTaskRunning || phase == kTaskStarting ? slot : nullptr;
+}
+
+void SetEvents(TaskSlot& slot, uint32_t mask) {
+  slot.events.fetch_or(mask);
+  if ((slot.waiting.load() & mask) != 0 && slot.waiting.exchange(0) != 0) WordWake(slot.waiting, 1);
+}
+
 }  // namespace
 }  // namespace velto
 
@@ -59,12 +72,18 @@ using velto::ReadRunning;
 using velto::TaskSlot;
 
 uint32_t KEL_EventWrite(uint32_t taskId, uint32_t mask) {
-  TaskSlot* slot = velto::TaskSlotOf(taskId);
+  TaskSlot* slot = velto::EventTarget(taskId);
   if (slot == nullptr) return kKelErrTaskId;
-  const uint32_t phase = velto::TaskPhaseOf(slot->state.load());
-  if (phase != velto::kTaskRunning && phase != velto::kTaskStarting) return kKelErrTaskId;
-  slot->events.fetch_or(mask);
-  if ((slot->waiting.load() & mask) != 0 && slot->waiting.exchange(0) != 0) velto::WordWake(slot->waiting, 1);
+  velto::SetEvents(*slot, mask);
+  return 0;
+}
+
+uint32_t KEL_EventWriteQueued(uint32_t taskId, uint32_t mask) {
+  TaskSlot* slot = velto::EventTarget(taskId);
+  if (slot == nullptr) return kKelErrTaskId;
+  // The queue's tail was moved before this look; the reader takes the bits before it looks at the tail. So
+  // either its reading is seen here, or it sees the entry.
+  if ((slot->events.load() & mask) != mask) velto::SetEvents(*slot, mask);
   return 0;
 }
 
