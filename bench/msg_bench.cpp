@@ -26,8 +26,8 @@ constexpr uint32_t kWake = 1;
 
 // ours
 
-void Post(uint32_t number) {
-  tagMsgBuf* msg = TOLA_MsgAlloc(7, 1, 2, kLength);
+void Post(uint32_t length, uint32_t number) {
+  tagMsgBuf* msg = TOLA_MsgAlloc(7, 1, 2, length);
   if (msg == nullptr) abort();
   memcpy(TolaMsgData(msg), &number, sizeof(number));
   while (TOLA_MsgPost(kTo, msg, 1) != 0) std::this_thread::yield();
@@ -51,9 +51,11 @@ void SetUpModule() {
 
 void OneThread(benchmark::State& state) {
   SetUpModule();
+  uint32_t length = kLength;
+  benchmark::DoNotOptimize(length);
   uint32_t number = 0;
   for (auto _ : state) {
-    Post(number++);
+    Post(length, number++);
     if (!TryReceive()) abort();
   }
 }
@@ -62,10 +64,12 @@ BENCHMARK(OneThread);
 /// Thread 0 receives, thread 1 sends.
 void Stream(benchmark::State& state) {
   if (state.thread_index() == 0) SetUpModule();
+  uint32_t length = kLength;
+  benchmark::DoNotOptimize(length);
   uint32_t number = 0;
   for (auto _ : state) {
     if (state.thread_index() == 1) {
-      Post(number++);
+      Post(length, number++);
       continue;
     }
     while (!TryReceive()) {
@@ -79,15 +83,19 @@ BENCHMARK(Stream)->Threads(2)->UseRealTime();
 // the peers
 
 struct Message {
-  uint16_t head[6];
-  uint8_t data[kLength];
+  uint16_t source, destination, type, subType;
+  uint32_t length;
+  uint8_t* Data() { return reinterpret_cast<uint8_t*>(this + 1); }
 };
-using MessagePtr = std::unique_ptr<Message>;
+using MessagePtr = base::UniqueC<Message, free>;
 
-MessagePtr NewMessage(uint32_t number) {
-  auto msg = std::make_unique<Message>();
-  memcpy(msg->data, &number, sizeof(number));
-  return msg;
+MessagePtr NewMessage(uint32_t length, uint32_t number) {
+  auto* msg = static_cast<Message*>(malloc(sizeof(Message) + length));
+  if (msg == nullptr) abort();
+  memset(msg, 0, sizeof(Message) + length);
+  *msg = {7, kTo, 1, 2, length};
+  memcpy(msg->Data(), &number, sizeof(number));
+  return MessagePtr(msg);
 }
 
 class MutexQueue {
@@ -149,10 +157,12 @@ class EventfdQueue {
 template <class Queue>
 void OneThreadPeer(benchmark::State& state) {
   Queue queue;
+  uint32_t length = kLength;
+  benchmark::DoNotOptimize(length);
   uint32_t number = 0;
   for (auto _ : state) {
-    queue.Put(NewMessage(number++));
-    benchmark::DoNotOptimize(queue.Take()->data[0]);
+    queue.Put(NewMessage(length, number++));
+    benchmark::DoNotOptimize(queue.Take()->Data()[0]);
   }
 }
 BENCHMARK(OneThreadPeer<MutexQueue>)->Name("OneThreadMutex");
@@ -160,12 +170,14 @@ BENCHMARK(OneThreadPeer<MutexQueue>)->Name("OneThreadMutex");
 template <class Queue>
 void StreamPeer(benchmark::State& state) {
   static Queue queue;
+  uint32_t length = kLength;
+  benchmark::DoNotOptimize(length);
   uint32_t number = 0;
   for (auto _ : state) {
     if (state.thread_index() == 1) {
-      queue.Put(NewMessage(number++));
+      queue.Put(NewMessage(length, number++));
     } else {
-      benchmark::DoNotOptimize(queue.Take()->data[0]);
+      benchmark::DoNotOptimize(queue.Take()->Data()[0]);
     }
   }
 }

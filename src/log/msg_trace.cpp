@@ -24,18 +24,25 @@ void PrintBytes(const uint8_t* bytes, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) printf(" %02X", bytes[i]);
 }
 
+/// Whether the module that `message` goes through is traced. Asked for every message: reads one word.
+bool IsTraced(const void* message, bool isSend) {
+  uint16_t moduleId = 0;
+  memcpy(&moduleId, static_cast<const uint16_t*>(message) + (isSend ? kSource : kDestination),
+         sizeof(moduleId));
+  // Kept: an id without a parameter reads as threshold 0 and is traced.
+  return (GetPrintPara(moduleId) & 0x0F) <= kTraceThreshold && !IsLogStopped();
+}
+
 }  // namespace
 }  // namespace runlog
 
 void DbgPrint(const TOLA_DBG_MSG_S* message, const char* file, uint32_t line) {
   using namespace runlog;
   if (message == nullptr || message->message == nullptr || message->headLength != kHeadLength) return;
+  if (!IsTraced(message->message, message->isSend)) return;
   const auto* bytes = static_cast<const uint8_t*>(message->message);
   uint16_t head[kHeadWords];
   memcpy(head, bytes, sizeof(head));
-  const uint16_t moduleId = message->isSend ? head[kSource] : head[kDestination];
-  // Kept: an id without a parameter reads as threshold 0 and is traced.
-  if ((GetPrintPara(moduleId) & 0x0F) > kTraceThreshold || IsLogStopped()) return;
 
   const LogLock lock;
   if (!lock.IsHeld()) return;
@@ -52,11 +59,13 @@ void DbgPrint(const TOLA_DBG_MSG_S* message, const char* file, uint32_t line) {
 }
 
 void TOLA_dbg_send(const void* message, const char* file, uint32_t line) {
+  if (message == nullptr || !runlog::IsTraced(message, true)) return;
   const TOLA_DBG_MSG_S trace = {.message = message, .headLength = runlog::kHeadLength, .isSend = true};
   DbgPrint(&trace, file, line);
 }
 
 void TOLA_dbg_recv(const void* message, const char* file, uint32_t line) {
+  if (message == nullptr || !runlog::IsTraced(message, false)) return;
   const TOLA_DBG_MSG_S trace = {.message = message, .headLength = runlog::kHeadLength, .isSend = false};
   DbgPrint(&trace, file, line);
 }

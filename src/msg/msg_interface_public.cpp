@@ -1,6 +1,7 @@
 /// Message buffers: their memory, their length field, and the one call that fills and posts in one go.
 #include "msg/msg_interface_public.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "base/result_codes.h"
@@ -39,10 +40,7 @@ tagMsgBuf* TOLA_MsgAlloc(uint16_t source, uint16_t type, uint16_t subType, uint3
   void* memory = KEL_MemAlloc_F(g_memHandle.load(std::memory_order_acquire),
                                 g_partition.load(std::memory_order_relaxed), size, __FILE__, __LINE__);
   if (memory == nullptr) return nullptr;
-  if (memset_s(memory, size, 0, size) != EOK) {
-    KEL_MEM_FREE(memory);
-    return nullptr;
-  }
+  std::fill_n(static_cast<uint8_t*>(memory), size, uint8_t{0});
   auto* msg = static_cast<tagMsgBuf*>(memory);
   msg->source = source;
   msg->type = type;
