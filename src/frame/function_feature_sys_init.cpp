@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 
+#include "frame/box_init.h"
 #include "frame/feature_identity.h"
 #include "frame/init_comps.h"
 #include "frame/platform_init_stages.h"
@@ -25,6 +26,7 @@ struct Stage {
 };
 
 constexpr Stage kStages[] = {
+    {"box", TolaOsFetureBoxInit},
     {"runlog", TolaOsLogInit},
     {"PduVersion", TolaOsProductProcVersion},
     {"msgMgr", TolaOsMsgInit},
