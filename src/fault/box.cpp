@@ -1,5 +1,6 @@
 #include "fault/box.h"
 
+#include <stdio.h>
 #include <string.h>
 
 #include <atomic>
@@ -66,6 +67,7 @@ uint32_t TOLA_SignalBoxInit(const TOLA_SIGNAL_BOX_S* names) {
   const uint32_t result = box != nullptr ? box->Init(names != nullptr ? *names : DefaultFiles()) : kFailure;
   if (result != 0) {
     LOG_ERR(kLogModule, "box int err %#x", result);
+    (void)printf("box int err %#x\n", result);  // where the run log does not stand yet
   } else {
     LOG_EVT(kLogModule, "box int ok");
   }
@@ -99,8 +101,8 @@ uint32_t CBoxManager::Init(const TOLA_SIGNAL_BOX_S& names) {
   if (result != 0) return result;
   base::UniqueFd crash = BoxNewFile(names_.crash);
   if (!crash) return kBoxErrOpen;
-  for (const char* file : {names_.exception, names_.backup, names_.map}) {
-    if (*file != '\0') (void)ChangeFileProperty(file);  // before the first crash there is no such file
+  for (const char* file : {names_.exception, names_.backup, names_.map, names_.crash}) {
+    if (*file != '\0') (void)ChangeFileProperty(file);  // before the first crash two of them are not there
   }
 
   result = FaultRegTimer1sFunc(RefreshMap);

@@ -4,14 +4,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -25,6 +24,7 @@ namespace {
 
 using support::CommandResult;
 using support::RunCommand;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -36,13 +36,32 @@ constexpr bool kIsArm = true;
 constexpr bool kIsArm = false;
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kBlocksInHandlers = true;  // a fault inside a handler ends the process there, box or not
+#else
+constexpr bool kBlocksInHandlers = false;
+#endif
+
 std::string Read(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-std::string Hex(unsigned digits) {
-  return "0x[0-9a-f]{" + std::to_string(digits) + "}";
+/// Takes what the extended expression matches at the beginning of `text` away and gives its groups; none when
+/// it does not match.
+std::vector<std::string> Take(std::string& text, const std::string& expression) {
+  regex_t compiled;
+  regmatch_t matches[8];
+  if (regcomp(&compiled, ("^" + expression).c_str(), REG_EXTENDED | REG_NEWLINE) != 0) return {};
+  std::vector<std::string> groups;
+  if (regexec(&compiled, text.c_str(), std::size(matches), matches, 0) == 0 && matches[0].rm_so == 0) {
+    for (size_t i = 0; i <= compiled.re_nsub; ++i) {
+      groups.push_back(text.substr(matches[i].rm_so, matches[i].rm_eo - matches[i].rm_so));
+    }
+    text.erase(0, matches[0].rm_eo);
+  }
+  regfree(&compiled);
+  return groups;
 }
 
 struct Block {
@@ -53,18 +72,18 @@ struct Block {
 };
 
 std::vector<Block> Blocks(const std::string& text) {
-  const std::regex fields(
-      "Exception Time        : 2\\d{3}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d\\d:\\d\\d\n"
-      "Exception Task        : (.*)\\(TaskId = [0-9a-f]+\\)\n"
-      "Exception Signal      : (\\d+)\nException Signal errno: 0\nException Signal code : (.*)\n");
   std::vector<Block> blocks;
   for (size_t at = text.find(kHead); at != std::string::npos;) {
     const size_t begin = at + sizeof(kHead) - 1;
     at = text.find(kHead, begin);
-    const std::string body = text.substr(begin, at - begin);
-    std::smatch match;
-    if (std::regex_search(body, match, fields, std::regex_constants::match_continuous)) {
-      blocks.push_back({match[1], std::stoi(match[2]), match[3], match.suffix()});
+    std::string body = text.substr(begin, at - begin);
+    const std::vector<std::string> fields =
+        Take(body,
+             "Exception Time        : 2[0-9]{3}-[0-9]{1,2}-[0-9]{1,2} [0-9]{1,2}:[0-9]{2}:[0-9]{2}\n"
+             "Exception Task        : (.*)\\(TaskId = [0-9a-f]+\\)\n"
+             "Exception Signal      : ([0-9]+)\nException Signal errno: 0\nException Signal code : (.*)\n");
+    if (fields.size() == 4) {
+      blocks.push_back({fields[1], std::stoi(fields[2]), fields[3], body});
     } else {
       ADD_FAILURE() << "no block: " << body.substr(0, 300);
     }
@@ -75,24 +94,20 @@ std::vector<Block> Blocks(const std::string& text) {
 /// Registers, 65 stack lines and, unless it broke off there, a call stack.
 void ExpectWhole(const Block& block, bool hasCalls) {
   SCOPED_TRACE(block.task);
-  std::string shape = "\nRegister Contents:\n";
+  const std::string word = sizeof(uintptr_t) == 8 ? " 0x[0-9a-f]{16};" : " 0x[0-9a-f]{8};";
+  std::string rest = block.text;
+  EXPECT_FALSE(Take(rest, "\nRegister Contents:\n").empty());
   for (size_t i = 0; i < kBoxRegisters; ++i) {
-    shape += std::string(kBoxRegisterLabels[i]) + " " + Hex(2 * sizeof(uintptr_t)) + ";" +
-             (i % 2 == 1 ? "\n" : "");
+    const std::string end = i % 2 == 1 || i + 1 == kBoxRegisters ? "\n" : "";
+    EXPECT_FALSE(Take(rest, kBoxRegisterLabels[i] + word + end).empty()) << kBoxRegisterLabels[i];
   }
-  const std::regex registers(shape + "\n\nDump stack when signal occurs,total 1024 Bytes,16Bytes/line.\n");
-  std::smatch match;
-  ASSERT_TRUE(std::regex_search(block.text, match, registers, std::regex_constants::match_continuous))
-      << block.text;
-  std::string rest = match.suffix();
-  const std::regex line("0x[0-9a-f]+:  " + Hex(8) + " " + Hex(8) + " " + Hex(8) + " " + Hex(8) + "\n");
+  EXPECT_FALSE(Take(rest, "\nDump stack when signal occurs,total 1024 Bytes,16Bytes/line.\n").empty());
   int lines = 0;
-  for (; std::regex_search(rest, match, line, std::regex_constants::match_continuous); ++lines)
-    rest = match.suffix();
+  while (!Take(rest, "0x[0-9a-f]+: ( 0x[0-9a-f]{8}){4}\n").empty()) ++lines;
   EXPECT_EQ(lines, 65);
-  EXPECT_THAT(rest, StartsWith("\nShow CallStack\n"));
+  EXPECT_FALSE(Take(rest, "\nShow CallStack\n").empty()) << rest;
   if (hasCalls) {
-    EXPECT_TRUE(std::regex_search(rest, std::regex("\\[0x[0-9a-f]+\\]\n"))) << rest;
+    EXPECT_FALSE(Take(rest, "(.*\\[0x[0-9a-f]+\\]\n)+").empty()) << rest;
   }
 }
 
@@ -116,6 +131,8 @@ class BoxEndTest : public BoxTest, public testing::WithParamInterface<EndCase> {
 
 TEST_P(BoxEndTest, LeavesABlockOfEveryTaskAndEndsByItsSignal) {
   const EndCase& expected = GetParam();
+  const bool isNested = std::string(expected.end) == "lost" || std::string(expected.end) == "hook";
+  if (isNested && kBlocksInHandlers) GTEST_SKIP();
   const CommandResult crash = Crash(expected.end);
   EXPECT_EQ(crash.status, 128 + expected.signal) << crash.output;
   const std::vector<Block> blocks = Blocks(CrashFile());
@@ -164,13 +181,12 @@ TEST_F(BoxTest, FullDiskCutsTheFileAndNothingElse) {
 TEST_F(BoxTest, CommandsFindNoSignalIgnored) {
   const CommandResult crash = Crash("commands");
   ASSERT_EQ(crash.status, 0) << "the three signals must not end it";
-  const std::regex line("SigIgn:\t([0-9a-f]+)\n");
-  int commands = 0;
-  for (std::sregex_iterator at(crash.output.begin(), crash.output.end(), line), none; at != none;
-       ++at, ++commands) {
-    EXPECT_EQ(std::stoull((*at)[1], nullptr, 16) & ((1U << 9) | (1U << 11) | (1U << 12)), 0u) << (*at)[1];
+  std::string lines = crash.output;
+  for (const char* way : {"shell", "arguments", "pipe"}) {
+    const std::vector<std::string> ignored = Take(lines, "SigIgn:\t([0-9a-f]+)\n");
+    ASSERT_EQ(ignored.size(), 2u) << way << crash.output;
+    EXPECT_EQ(std::stoull(ignored[1], nullptr, 16) & ((1U << 9) | (1U << 11) | (1U << 12)), 0u) << way;
   }
-  EXPECT_EQ(commands, 3) << crash.output;
 }
 
 TEST_F(BoxTest, MapIsWrittenAgainAfterThreeAndNineMinutes) {
@@ -248,12 +264,10 @@ TEST_F(BoxTest, ReportResolvesAFaultInAProgramThatMovedInMemory) {
   ASSERT_EQ(Crash("none").status, 0) << "the next start puts the map behind the blocks";
   const CommandResult text = RunCommand({TOLA_SOURCE_DIR "/tools/box_report", dir_.File("box.tola")});
   EXPECT_EQ(text.status, 0);
-  EXPECT_THAT(text.output, StartsWith("Crasher (task 4), "));
-  EXPECT_TRUE(std::regex_search(
-      text.output, std::regex("#\\d+ +0x[0-9a-f]+ .*WriteToNull.* at .*box_crasher.cpp:\\d+ <- signal\n")))
-      << text.output;
-  EXPECT_TRUE(std::regex_search(text.output, std::regex("AwaitTaskInfo.* at .*box_crasher.cpp:\\d+\n")))
-      << text.output;
+  EXPECT_THAT(text.output,
+              ContainsRegex("^Crasher \\(task 4\\), .*: signal 11, code 1 SEGV_MAPERR\n"
+                            "  #[0-9]+ +0x[0-9a-f]+ .*WriteToNull.* at .*box_crasher.cpp:[0-9]+\n"));
+  EXPECT_THAT(text.output, ContainsRegex("AwaitTaskInfo.* at .*box_crasher.cpp:[0-9]+\n"));
   const CommandResult json =
       RunCommand({TOLA_SOURCE_DIR "/tools/box_report", "--json", dir_.File("box.tola")});
   EXPECT_THAT(json.output, HasSubstr("\"code_name\": \"SEGV_MAPERR\""));
