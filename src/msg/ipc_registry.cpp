@@ -1,12 +1,16 @@
 #include "msg/ipc_registry.h"
 
+#include <algorithm>
+
 #include "base/result_codes.h"
 #include "log/run_log.h"
+#include "velto/kel_clock.h"
 #include "velto/kel_sync.h"
 
 namespace {
 
 constexpr uint16_t kLogModule = 0;
+constexpr uint64_t kBeforeNs = 30'000'000'000;  ///< a process that has not registered again by then is gone
 
 /// Holds the semaphore; false when it could not be taken.
 class TableGuard {
@@ -49,12 +53,27 @@ uint32_t IpcRegistry::Find(uint16_t moduleId, IpcTarget* target, bool* toMain) {
   if (!guard) return kIpcErrTableTake;
   if (local_[place]) return kIpcErrLocal;
   const uint8_t index = known_ ? table_.map[place] : kIpcNoApp;
-  *toMain = index >= kIpcAppMax || table_.apps[index].pid == 0;
-  if (*toMain) return kSuccess;
-  if (index == table_.ownIndex) return kIpcErrLocal;
-  const APP_QUEUE_INFO_S& app = table_.apps[index];
-  *target = {static_cast<int32_t>(app.queueId), app.semaphoreId, app.pid};
+  const bool isKnown = index < kIpcAppMax && table_.apps[index].pid != 0;
+  if (isKnown && index == table_.ownIndex) return kIpcErrLocal;
+  const APP_QUEUE_INFO_S* app = isKnown ? &table_.apps[index] : HolderBefore(place);
+  *toMain = app == nullptr;
+  if (app != nullptr) *target = {static_cast<int32_t>(app->queueId), app->semaphoreId, app->pid};
   return kSuccess;
+}
+
+/// The application that had `place` before the main process was restarted, as long as it has not registered
+/// again; null when there is none.
+const APP_QUEUE_INFO_S* IpcRegistry::HolderBefore(uint32_t place) const {
+  if (beforeUntilNs_ == 0 || KEL_ClockMonotonicNs() >= beforeUntilNs_) return nullptr;
+  const uint8_t index = before_.map[place];
+  if (index >= kIpcAppMax || index == before_.ownIndex) return nullptr;
+  const APP_QUEUE_INFO_S& app = before_.apps[index];
+  const auto isApp = [&app](const APP_QUEUE_INFO_S& each) { return each.pid == app.pid; };
+  const bool isBack = std::any_of(std::begin(table_.apps), std::end(table_.apps), isApp);
+  IpcQueueState state = {};
+  const bool reads = app.pid != 0 && IpcQueueStateGet(static_cast<int32_t>(app.queueId), &state) == 0 &&
+                     state.reader == app.pid;
+  return reads && !isBack ? &app : nullptr;
 }
 
 uint32_t IpcRegistry::NoteLocal(uint16_t operation, uint32_t count, const uint16_t* ids) {
@@ -109,6 +128,10 @@ uint32_t IpcRegistry::TakeAcknowledge(const IpcAcknowledgeMsg& acknowledge) {
   }
   const TableGuard guard(sema_);
   if (!guard) return kIpcErrTableTake;
+  if (known_ && table_.mainPid != acknowledge.mainPid) {
+    before_ = table_;
+    beforeUntilNs_ = KEL_ClockMonotonicNs() + kBeforeNs;
+  }
   table_ = acknowledge;
   known_ = true;
   mainPid_.store(acknowledge.mainPid, std::memory_order_relaxed);

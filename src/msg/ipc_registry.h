@@ -55,6 +55,7 @@ class IpcRegistry {
 
  private:
   [[nodiscard]] bool IsAbout(const IpcAcknowledgeMsg& acknowledge) const;
+  [[nodiscard]] const APP_QUEUE_INFO_S* HolderBefore(uint32_t place) const;
 
   uint32_t sema_ = 0;
   IpcTarget app_ = {};
@@ -62,4 +63,8 @@ class IpcRegistry {
   std::bitset<kIpcMapSize> local_;
   bool known_ = false;  ///< `table_` is from the main process
   IpcAcknowledgeMsg table_ = {};
+  /// What the main process before this one told last: a new one does not know everybody at once, and until
+  /// it does, messages keep the road that they had.
+  IpcAcknowledgeMsg before_ = {};
+  uint64_t beforeUntilNs_ = 0;
 };
