@@ -25,7 +25,7 @@ constexpr char kPathCfg[] = "/app_run/app_bin/app_config/tola.cfg";
 constexpr uint32_t kLogFileSize = 102400;
 
 struct Options {
-  const char* config = "/mnt/config/feature.cfg";
+  const char* config = "/mnt/config/board_main.cfg";
   const char* socket = board_link::kSocketPath;
 };
 

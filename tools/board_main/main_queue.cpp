@@ -70,8 +70,7 @@ void LogRefusedIds(uint32_t pid, const std::vector<uint16_t>& refused) {
 MainQueue::MainQueue()
     : pid_(static_cast<uint32_t>(getpid())),
       router_(
-          registry_,
-          [this](const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame) { return SendFrame(to, frame); },
+          registry_, [this](const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame) { return PassOn(to, frame); },
           [this](const FrameLoss& loss) {
             lostFrames_ += loss.frames;
             LOG_ERR(kLogModule, "process %u: %u frames for module %#x dropped: %s", loss.sourcePid,
@@ -235,10 +234,8 @@ bool MainQueue::HandleRegister(uint32_t pid, std::span<const uint8_t> data, uint
   refusal.version = kIpcMainMsgVersion;
   refusal.result = result;
   refusal.mainPid = pid_;
-  const tagMsgBuf head = {kIpcModule, kIpcModule, kIpcAcknowledge, 0, 0, 0};
   // One try: it asks again as long as it is not registered.
-  (void)SendFrame({record.queueId, pid, record.moduleId, record.semaphoreId},
-                  MakeFrame(head, &refusal, sizeof(refusal)));
+  (void)SendFrame({record.queueId, pid, record.moduleId, record.semaphoreId}, MakeTable(refusal));
   return false;
 }
 
@@ -297,13 +294,32 @@ void MainQueue::TablesAreDue() {
 }
 
 void MainQueue::SendTables() {
+  std::erase_if(tableDue_, [&](uint32_t pid) { return SendTable(pid); });
+}
+
+/// @return whether the process needs no table any more
+bool MainQueue::SendTable(uint32_t pid) {
+  const RegisteredApp* app = registry_.FindByPid(pid);
+  if (app == nullptr) return true;
+  const IpcAcknowledgeMsg tables = registry_.Acknowledge(pid_, pid);
+  return SendFrame(app->queue, MakeTable(tables)) != SendOutcome::kFull;
+}
+
+/// In the first class: the receiver takes frames of others from this process only once it has read it.
+IPC_MSG_S MainQueue::MakeTable(const IpcAcknowledgeMsg& tables) {
   const tagMsgBuf head = {kIpcModule, kIpcModule, kIpcAcknowledge, 0, 0, 0};
-  std::erase_if(tableDue_, [&](uint32_t pid) {
-    const RegisteredApp* app = registry_.FindByPid(pid);
-    if (app == nullptr) return true;
-    const IpcAcknowledgeMsg tables = registry_.Acknowledge(pid_, pid);
-    return SendFrame(app->queue, MakeFrame(head, &tables, sizeof(tables))) != SendOutcome::kFull;
-  });
+  IPC_MSG_S frame = MakeFrame(head, &tables, sizeof(tables));
+  frame.type = kIpcClassUrgent;
+  return frame;
+}
+
+/// A frame of another process goes only to one that has been sent the latest tables.
+SendOutcome MainQueue::PassOn(const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame) {
+  if (tableDue_.contains(to.pid)) {
+    if (!SendTable(to.pid)) return SendOutcome::kFull;
+    tableDue_.erase(to.pid);
+  }
+  return SendFrame(to, frame);
 }
 
 SendOutcome MainQueue::SendFrame(const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame) const {

@@ -60,6 +60,9 @@ class MainQueue {
 
   void TablesAreDue();
   void SendTables();
+  [[nodiscard]] bool SendTable(uint32_t pid);
+  [[nodiscard]] IPC_MSG_S MakeTable(const IpcAcknowledgeMsg& tables);
+  [[nodiscard]] SendOutcome PassOn(const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame);
   [[nodiscard]] SendOutcome SendFrame(const APP_QUEUE_INFO_S& to, const IPC_MSG_S& frame) const;
   /// A single frame of this process; `length` bytes of `data` behind `head`.
   [[nodiscard]] IPC_MSG_S MakeFrame(tagMsgBuf head, const void* data, size_t length);

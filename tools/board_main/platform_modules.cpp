@@ -83,7 +83,8 @@ void PlatformModules::Handle(const ModuleMessage& message) {
 void PlatformModules::HandleFault(const ModuleMessage& message) {
   const tagMsgBuf& head = message.head;
   if (head.type == kMsgFaultRegister) {
-    LOG_EVT(kFaultModule, "fault agent %u of process %u", head.source, message.pid);
+    LOG_EVT(kFaultModule, "fault agent %u of process %u, registration %u", head.source, message.pid,
+            ++registrations_);
     const tagMsgBuf acknowledge = {kFaultModule, head.source, kMsgFaultRegister, head.subType, 0, 0};
     (void)send_(message.pid, acknowledge, {});  // it registers again until it is acknowledged
     return;

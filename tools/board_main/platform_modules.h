@@ -63,6 +63,7 @@ class PlatformModules {
   std::mutex mutex_;
   uint32_t taskId_ = 0;
   std::deque<ModuleMessage> waiting_;
+  uint32_t registrations_ = 0;       ///< of fault agents; the task's alone
   uint16_t debugNumber_ = 0;         ///< sub-type of the last debug request
   std::map<uint16_t, Asked> asked_;  ///< by sub-type
 };

@@ -1,0 +1,125 @@
+/// The platform's main process on a board: the authorisation road, what it knows of its processes, and that
+/// it keeps them running.
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include "system/board_fixture.h"
+
+namespace system_test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr int kWaitSteps = 1000;
+
+class PlatformTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    board_.Shell(
+        "printf '#!/bin/sh\\necho ran >>/mnt/ran\\necho OK\\n' >/mnt/s.sh; chmod 700 /mnt/s.sh; echo x "
+        ">/mnt/p");
+    board_.StartDaemon();
+    board_.StartMain();
+    EXPECT_TRUE(StatusComes("\"modules\":[1056,4181]"));
+  }
+
+  int Ask(const std::string& option) const {
+    return board_.Request({"--script", "/mnt/s.sh", "--package", "/mnt/p", option}).result;
+  }
+  /// Asks in the background; the answer comes into /tmp/held.
+  void AskAndHold() const {
+    board_.Shell("update_request --script /mnt/s.sh --package /mnt/p --hold >/tmp/held 2>&1 &");
+    EXPECT_TRUE(StatusComes("\"heldQuestions\":1"));
+  }
+  /// Grants what is held, and gives the answer of whoever asked.
+  std::string Release() const {
+    EXPECT_EQ(board_.Exec({"update_request", "--release"}).output, "1 authorisations granted\n");
+    board_.Shell("n=0; until test -s /tmp/held || [ $n = 500 ]; do sleep 0.02; n=$((n+1)); done");
+    return board_.Read("/tmp/held");
+  }
+  std::string Status() const { return board_.Exec({"update_request", "--status", "--json"}).output; }
+  bool StatusComes(const std::string& text) const {
+    for (int step = 0; step < kWaitSteps; ++step) {
+      if (Status().find(text) != std::string::npos) return true;
+      (void)usleep(10000);
+    }
+    return false;
+  }
+  std::string DaemonPid() const {
+    const std::string pid = board_.Exec({"pidof", "update_active"}).output;
+    return pid.substr(0, pid.find('\n'));
+  }
+  /// Waits for a daemon of another process id than `pid` in the status.
+  bool AnotherDaemonComes(const std::string& pid) const {
+    for (int step = 0; step < kWaitSteps; ++step) {
+      const std::string now = DaemonPid();
+      if (!now.empty() && now != pid && Status().find(",\"pid\":" + now + ",") != std::string::npos)
+        return true;
+      (void)usleep(10000);
+    }
+    return false;
+  }
+
+  Board board_;
+};
+
+TEST_F(PlatformTest, UpdateWithoutASignatureRunsOnlyWhenItIsAuthorisedInTime) {
+  for (const char* option : {"--refuse", "--json"})
+    EXPECT_EQ(Ask(option), 9603) << "granted although nobody said so: " << option;
+  EXPECT_FALSE(board_.Exists("/mnt/ran"));
+  EXPECT_EQ(Ask("--authorise"), 0) << board_.RunLog();
+  EXPECT_EQ(board_.Read("/mnt/ran"), "ran\n");
+
+  AskAndHold();
+  EXPECT_EQ(Ask("--authorise"), 9601);
+  EXPECT_THAT(Release(), HasSubstr("result 0 ")) << "within the period";
+  AskAndHold();
+  board_.Shell("echo 30001 >/run/update_active.clock");
+  EXPECT_THAT(Release(), HasSubstr("result 9600 ")) << "the reply came too late";
+  EXPECT_EQ(Ask("--authorise"), 0) << "a late reply must not keep the executor busy";
+  EXPECT_EQ(board_.Read("/mnt/ran"), "ran\nran\nran\n");
+
+  EXPECT_EQ(board_.Exec({"update_request", "--authorise", "--signature-dir", "/mnt/u"}).status, 2);
+}
+
+TEST_F(PlatformTest, ProcessesAreKnownAgainAfterTheMainProcessAndAreKeptRunning) {
+  const std::string first = DaemonPid();
+  board_.Shell("kill -9 $(pidof board_main); while pidof board_main; do :; done; rm /run/board_main.sock");
+  board_.StartMain();
+  EXPECT_TRUE(StatusComes("\"pid\":" + first + ","))
+      << "the daemon does not register with a new main process";
+  EXPECT_EQ(Ask("--authorise"), 0) << "the way through a new main process";
+  EXPECT_EQ(board_.Shell("board_main --socket /run/board_main.sock").status, 1) << "a second main process";
+
+  EXPECT_EQ(board_.Exec({"update_request", "--restart", "update_active"}).status, 0);
+  EXPECT_TRUE(AnotherDaemonComes(first));
+  EXPECT_EQ(board_.Exec({"update_request", "--restart", "init"}).status, 1) << "not registered";
+
+  const std::string second = DaemonPid();
+  board_.Shell("kill -9 " + second);
+  EXPECT_TRUE(StatusComes("\"apps\":[]")) << "messages would go to a dead process";
+  EXPECT_EQ(DaemonPid(), "") << "started before its time-out";
+  board_.Shell("echo 121000 >/run/board_main.clock");
+  EXPECT_TRUE(AnotherDaemonComes(second));
+}
+
+TEST_F(PlatformTest, FaultAgentAnswersDebugRequestsAndRegistersAgain) {
+  const auto debug = [&](const std::string& words) {
+    return board_.Exec({"update_request", "--debug", "update_active:" + words}).output;
+  };
+  EXPECT_EQ(debug("1,4096,1"), "the fault agent's result is 0\n");
+  EXPECT_EQ(Ask("--authorise"), 0);
+  EXPECT_THAT(board_.RunLog(), HasSubstr(" DBG M4096 ")) << "the level that was asked for";
+  EXPECT_EQ(debug("7"), "the fault agent's result is 1\n");
+  const std::string registrations = "grep -c 'fault agent 1056' /mnt/sub_bin/sys_log/board_main_run_log.log";
+  const std::string before = board_.Shell(registrations).output;
+  EXPECT_EQ(board_.Exec({"update_request", "--register-again", "update_active"}).status, 0);
+  board_.Shell("n=0; until [ $(" + registrations + ") -gt " + before.substr(0, before.find('\n')) +
+               " ] || [ $n = 500 ]; do sleep 0.02; n=$((n+1)); done");
+  EXPECT_NE(board_.Shell(registrations).output, before);
+}
+
+}  // namespace
+}  // namespace system_test
