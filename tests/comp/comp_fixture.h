@@ -6,10 +6,6 @@
 #include <stdarg.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,6 +13,7 @@
 #include "comp/comp_manager_impl.h"
 #include "comp/comp_msg.h"
 #include "msg/msg_interface_public.h"
+#include "support/inbox.h"
 #include "support/platform_msg.h"
 
 namespace comp_test {
@@ -34,46 +31,11 @@ struct Got {
   std::string data;
 };
 
-/// A list that one thread waits on while others fill it.
-template <class T>
-class Inbox {
- public:
-  void Put(T item) {
-    const std::lock_guard lock(mutex_);
-    items_.push_back(std::move(item));
-    changed_.notify_all();
-  }
-  /// The next item; a default one and a failure when none comes.
-  T Take() {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, std::chrono::seconds(20), [this] { return !items_.empty(); })) {
-      ADD_FAILURE() << "nothing arrived";
-      return T{};
-    }
-    T item = std::move(items_.front());
-    items_.pop_front();
-    return item;
-  }
-  std::vector<T> TakeAll() {
-    const std::lock_guard lock(mutex_);
-    std::vector<T> all(items_.begin(), items_.end());
-    items_.clear();
-    return all;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<T> items_;
-};
-
-inline Inbox<Got>& Arrived() {
-  static Inbox<Got>& inbox = *new Inbox<Got>;
-  return inbox;
+inline support::Inbox<Got>& Arrived() {
+  return support::TheInbox<Got>();
 }
-inline Inbox<std::string>& Logged() {
-  static Inbox<std::string>& inbox = *new Inbox<std::string>;
-  return inbox;
+inline support::Inbox<std::string>& Logged() {
+  return support::TheInbox<std::string>();
 }
 
 /// Error lines (level 4) and the start of types (level 5), "source: text"; traces are left out.

@@ -4,12 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +13,7 @@
 #include "comp/comp_manager.h"
 #include "comp/comp_msg.h"
 #include "securec.h"
+#include "support/inbox.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "velto/kel_cfg.h"
@@ -32,43 +29,16 @@ struct Received {
 
 /// A component that keeps what it receives; use Mailbox<id>::Entry as its message entry.
 template <uint32_t kId>
-class Mailbox {
- public:
+struct Mailbox {
   static void Entry(void* msg) {
     const auto* bytes = static_cast<const unsigned char*>(msg);
-    const std::lock_guard lock(State().mutex);
-    State().queue.push_back({TolaCompGetMsgId(msg),
-                             TolaCompGetSrcId(msg),
-                             TolaCompMsgGetSeqNo(msg),
-                             {bytes, bytes + TolaCompGetMsgLen(msg)}});
-    State().arrived.notify_all();
+    support::TheInbox<Received, kId>().Put({TolaCompGetMsgId(msg),
+                                            TolaCompGetSrcId(msg),
+                                            TolaCompMsgGetSeqNo(msg),
+                                            {bytes, bytes + TolaCompGetMsgLen(msg)}});
   }
-  /// The oldest message; an id of 0 after 20 seconds without one.
-  static Received Next() {
-    std::unique_lock lock(State().mutex);
-    if (!State().arrived.wait_for(lock, std::chrono::seconds(20), [] { return !State().queue.empty(); })) {
-      ADD_FAILURE() << "component " << kId << " received nothing";
-      return {};
-    }
-    Received first = std::move(State().queue.front());
-    State().queue.pop_front();
-    return first;
-  }
-  static size_t Waiting() {
-    const std::lock_guard lock(State().mutex);
-    return State().queue.size();
-  }
-
- private:
-  struct Shared {
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::deque<Received> queue;
-  };
-  static Shared& State() {
-    static Shared shared;
-    return shared;
-  }
+  static Received Next() { return support::TheInbox<Received, kId>().Take(); }
+  static size_t Waiting() { return support::TheInbox<Received, kId>().Size(); }
 };
 
 struct TestComponent {

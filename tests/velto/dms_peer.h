@@ -12,7 +12,6 @@ inline constexpr uint32_t kPeerQueueLength = 4;
 
 /// Message ids that the peer's component understands. It answers with the id plus 100.
 inline constexpr uint32_t kEcho = 1;   ///< the same data, reserved head and priority
-inline constexpr uint32_t kHold = 2;   ///< says "holding", then waits for the line "go"; no answer
 inline constexpr uint32_t kCount = 3;  ///< 8 bytes: messages that are live in the peer, this one included
 
 inline constexpr uint32_t CpiOf(uint32_t csi) {

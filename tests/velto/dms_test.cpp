@@ -15,17 +15,14 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
 #include <filesystem>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/owners.h"
+#include "support/inbox.h"
 #include "support/temp_dir.h"
 #include "velto/dms_peer.h"
 #include "velto/dms_wire.h"
@@ -48,40 +45,16 @@ struct Received {
 };
 
 // This process's own component, which keeps what the peers answer.
-class Inbox {
- public:
-  static Inbox& Get() {
-    static Inbox& inbox = *new Inbox;
-    return inbox;
-  }
-  static void Entry(void* message) {
-    Received received{DMS_MsgRecvIidGet(message),
-                      DMS_MsgSendCidGet(message),
-                      DMS_MsgRecvCidGet(message),
-                      0,
-                      std::string(static_cast<char*>(DMS_MsgReserveHeadGet(message)), kDmsReservedHeadSize),
-                      std::string(static_cast<char*>(message), DMS_MsgLenGet(message))};
-    EXPECT_EQ(DMS_MsgQuePrioGet(message, &received.priority), 0u);
-    const std::lock_guard lock(Get().mutex_);
-    Get().messages_.push_back(std::move(received));
-    Get().arrived_.notify_all();
-  }
-  Received Take() {
-    std::unique_lock lock(mutex_);
-    if (!arrived_.wait_for(lock, std::chrono::seconds(30), [&] { return !messages_.empty(); })) {
-      ADD_FAILURE() << "no answer of the peer";
-      return {};
-    }
-    Received first = std::move(messages_.front());
-    messages_.pop_front();
-    return first;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::deque<Received> messages_;
-};
+void Keep(void* message) {
+  Received received{DMS_MsgRecvIidGet(message),
+                    DMS_MsgSendCidGet(message),
+                    DMS_MsgRecvCidGet(message),
+                    0,
+                    std::string(static_cast<char*>(DMS_MsgReserveHeadGet(message)), kDmsReservedHeadSize),
+                    std::string(static_cast<char*>(message), DMS_MsgLenGet(message))};
+  EXPECT_EQ(DMS_MsgQuePrioGet(message, &received.priority), 0u);
+  support::TheInbox<Received>().Put(std::move(received));
+}
 
 // Brings the runtime of the test process up, once.
 class Runtime {
@@ -108,7 +81,7 @@ class Runtime {
     EXPECT_EQ(KEL_CfgdbInitByFsldr(Config("own.cfg", dir(), 10000).c_str()), 0u);
     EXPECT_EQ(KEL_Start(nullptr), 0u);
     EXPECT_EQ(DMS_MeshCamProcAddrItemAdd(kPeerIp, kTestProcess), 0u);
-    const RtfCompTypeInfo type{"TEST", "1.0.0", 1, nullptr, nullptr, Inbox::Entry};
+    const RtfCompTypeInfo type{"TEST", "1.0.0", 1, nullptr, nullptr, Keep};
     const RtfCompInst instance{kTestCsi, CpiOf(kTestCsi)};
     EXPECT_EQ(RTF_CompTypeRegister(kTestCsi, &type), 0u);
     for (uint32_t stage = 0; stage < 3; ++stage)
@@ -140,7 +113,8 @@ class Peer {
     close(out[1]);
     input_.reset(in[1]);
     output_.reset(fdopen(out[0], "r"));
-    first_ = ReadLine();
+    char line[64] = {};
+    if (fgets(line, sizeof(line), output_.get()) != nullptr) first_.assign(line, strcspn(line, "\n"));
   }
   explicit Peer(uint32_t process) : Peer(process, Runtime::Get().config()) { EXPECT_EQ(first_, "enabled 0"); }
   ~Peer() { Kill(); }
@@ -152,12 +126,6 @@ class Peer {
     pid_ = -1;
   }
   [[nodiscard]] const std::string& first() const { return first_; }
-  std::string ReadLine() {
-    char line[64] = {};
-    if (fgets(line, sizeof(line), output_.get()) == nullptr) return "";
-    return {line, strcspn(line, "\n")};
-  }
-  void Go() { EXPECT_EQ(write(input_.get(), "go\n", 3), 3); }
 
  private:
   pid_t pid_ = -1;
@@ -208,7 +176,7 @@ class DmsTest : public testing::Test {
   }
 
   Runtime& runtime_ = Runtime::Get();
-  Inbox& inbox_ = Inbox::Get();
+  support::Inbox<Received>& inbox_ = support::TheInbox<Received>();
   uint32_t handle_ = 0;
 };
 
@@ -339,19 +307,6 @@ TEST_F(DmsTest, ARestartedPeerIsReachedByTheNextSendAndALivingOneKeepsItsAddress
     EXPECT_EQ(Peer(204, runtime_.config()).first(), "enabled " + std::to_string(kDmsErrSocket));
     ExpectServed("still the first process's");
   }
-}
-
-TEST_F(DmsTest, AFullQueueOfThePeerRefusesAndTheOthersArriveInOrder) {
-  Peer peer(206);
-  Know(206);
-  ASSERT_EQ(Send(kHold), 0u);
-  ASSERT_EQ(peer.ReadLine(), "holding 0");
-  for (uint32_t i = 0; i < kPeerQueueLength; ++i) ASSERT_EQ(Send(kEcho, std::to_string(i)), 0u);
-  EXPECT_EQ(Send(kEcho, "one too many"), kDmsErrRefused);
-  EXPECT_EQ(Send(kEcho, "urgent", kPeerCsi, 1), 0u) << "the priority stream has room of its own";
-  peer.Go();
-  EXPECT_EQ(inbox_.Take().data, "urgent");
-  for (uint32_t i = 0; i < kPeerQueueLength; ++i) EXPECT_EQ(inbox_.Take().data, std::to_string(i));
 }
 
 TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {

@@ -99,18 +99,15 @@ TEST_F(KelCfgTest, AWrongLineIsNamedWithItsReasonAndChangesNothing) {
   }
 }
 
-TEST_F(KelCfgTest, BoundsAndTheLongestLineAreStillTaken) {
+TEST_F(KelCfgTest, BoundsAndTheLongestLineAreStillTakenAndWhatIsNoFileIsNot) {
+  EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.File("none").c_str()), kKelErrCfgOpen);
+  EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.path().c_str()), kKelErrCfgOpen);
   EXPECT_EQ(Load("dms.answer_ms=100\ndms.message_bytes=16777216\ndms.dir=/" + std::string(63, 'd') + "\n#" +
                  std::string(509, 'x') + "\r\n"),
             0u);
   char text[4] = "abc";
   EXPECT_EQ(KEL_CfgTextGet("dms.dir", text, sizeof(text)), kKelErrCfgKey);
   EXPECT_STREQ(text, "abc") << "a directory name was cut";
-}
-
-TEST_F(KelCfgTest, AMissingFileAndADirectoryCannotBeRead) {
-  EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.File("none").c_str()), kKelErrCfgOpen);
-  EXPECT_EQ(KEL_CfgdbInitByFsldr(dir_.path().c_str()), kKelErrCfgOpen);
 }
 
 // The sample that users copy: every key once, in the table's order, with its default, under a remark.

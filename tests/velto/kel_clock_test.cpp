@@ -71,20 +71,6 @@ TEST(KelClock, AWaitOfTenMinutesAdaptsToTheSwitchAndEndsWhenTheTimeHasBeenMoved)
   EXPECT_EQ(KEL_SemaDelete(sema), 0u);
 }
 
-TEST(KelClock, AWaitThatBeganOnTheManualClockEndsByTheRealOne) {
-  std::atomic<bool> done{false};
-  KEL_ClockModeSet(kKelClockManual);
-  TestTask sleeper("sleeper", [&] {
-    const auto start = std::chrono::steady_clock::now();
-    KEL_TaskDelay(15);
-    done = true;
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(15)) << "woke too early";
-  });
-  EXPECT_FALSE(done) << "manual time ran";
-  KEL_ClockModeSet(kKelClockReal);
-  EXPECT_TRUE(Eventually([&] { return done.load(); })) << "the sleeper still waits for manual time";
-}
-
 /// What standard output got while `call` ran.
 template <class Call>
 std::string Printed(Call call) {

@@ -145,21 +145,6 @@ TEST(KelEvent, BitsStayUntilTheyAreReadAndOnlyTheAskedOnesAreTaken) {
   });
 }
 
-TEST(KelEvent, ABitThatIsNotAskedForDoesNotEndTheWait) {
-  const ClockModeScope manual(kKelClockManual);
-  std::atomic<bool> done{false};
-  TestTask task("waiter", [&] {
-    uint32_t received = 0;
-    EXPECT_EQ(KEL_EventRead(0x1, &received, kKelEventAny, 600'000), kKelErrTimeout);
-    done = true;
-  });
-  EXPECT_EQ(KEL_EventWrite(task.id(), 0x2), 0u);
-  EXPECT_TRUE(Eventually([&] {
-    KEL_ClockAdvanceMs(600'000);
-    return done.load();
-  })) << "the wait of ten minutes did not end when the time was moved";
-}
-
 // Two tasks hand a turn to and fro: one wake-up that is lost between "no bit" and "asleep" stops both for
 // good.
 TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
