@@ -56,6 +56,18 @@ TEST_F(StartTest, FailedStageEndsTheTableAndTheProcess) {
   EXPECT_THAT(log, testing::Not(HasSubstr("AfterComp Init"))) << "a stage behind the failed one ran";
 }
 
+TEST_F(StartTest, StagesRunInTheOrderOfTheTable) {
+  board_.StartDaemon();
+  // The box stands before the run log does: its lines go nowhere.
+  EXPECT_EQ(board_
+                .Shell("sed -n 's/.*function_feature_sys_init.cpp.*:\\(.*\\), ret=0$/\\1/p' "
+                       "/mnt/sub_bin/sys_log/update_active_run_log.log | tr '\\n' ' '")
+                .output,
+            "runlog PduVersion msgMgr ipcMgr TaskHeartMgr faultMgr AfterCfg BeforeComp NotifyMclEnd CompMgr "
+            "AfterComp ");
+  EXPECT_TRUE(board_.Exists("/log/root_log/fault_manager_except_sys_info_update_active.tola.tmp"));
+}
+
 TEST_F(StartTest, DaemonIsDetachedAndKeepsNoDescriptor) {
   EXPECT_EQ(board_.Shell("exec 7</etc/passwd; /app_run/app_bin/script/update_common.sh").status, 0);
   board_.StartMain();
