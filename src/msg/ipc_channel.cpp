@@ -26,9 +26,8 @@ class RoomWait {
  public:
   /// False when 5 s have been waited already.
   bool Next() {
-    if (yields_ < kYields) {
-      ++yields_;
-      (void)sched_yield();
+    if (turns_ < kTurns) {
+      IpcPause(turns_++);
       return true;
     }
     if (waitedMs_ >= kIpcSendWaits * kIpcSendWaitMs) return false;
@@ -39,8 +38,8 @@ class RoomWait {
   }
 
  private:
-  static constexpr uint32_t kYields = 1000;
-  uint32_t yields_ = 0;
+  static constexpr uint32_t kTurns = 1000;
+  uint32_t turns_ = 0;
   uint32_t delayMs_ = 1;
   uint32_t waitedMs_ = 0;
 };
@@ -55,6 +54,22 @@ bool PutFrame(int32_t queueId, const IPC_MSG_S& frame, IpcWait wait) {
 }
 
 }  // namespace
+
+void IpcPause(uint32_t turn) {
+  constexpr uint32_t kYieldEvery = 4;  // the other one may need this very processor
+  constexpr uint32_t kSpins = 16;      // meanwhile the queue's lock, on which both of us are, is left alone
+  if (turn % kYieldEvery == kYieldEvery - 1) {
+    (void)sched_yield();
+    return;
+  }
+  for (uint32_t i = 0; i < kSpins; ++i) {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#else
+    __asm__ __volatile__("" ::: "memory");
+#endif
+  }
+}
 
 uint32_t IpcUserGet(const char* user, uid_t* uid, gid_t* gid) {
   struct passwd entry = {};
@@ -148,20 +163,30 @@ ssize_t IpcQueueReader::Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const
   return got;
 }
 
+/// Whether the queue holds nothing at all, strangers included; `sender` is who sent last.
+bool IpcQueueReader::LooksEmpty(uint32_t* sender) const {
+  IpcQueueState state = {};
+  if (IpcQueueStateGet(queueId_, &state) != 0) return false;
+  *sender = state.sender;
+  return state.messages == 0;
+}
+
 uint32_t IpcQueueReader::Read(IPC_MSG_S* frame, size_t* size, uint32_t* sender) {
   *size = 0;
   *sender = 0;
   uint32_t ret = kSuccess;
-  IpcQueueState state = {};
-  const bool before = empty_;
+  uint32_t last = 0;
   ssize_t got = Receive(frame, false, &ret);
   if (got < 0) {
-    empty_ = IpcQueueStateGet(queueId_, &state) == 0 && state.messages == 0;
+    const bool look = ++emptyReads_ % kEmptyReadsToLook == 0;
+    empty_ = !look || LooksEmpty(&last);
     if (empty_ || (got = Receive(frame, true, &ret)) < 0) return kIpcErrEmpty;
+    emptyReads_ = kEmptyReadsToLook - 1;  // where one was found there may be more
   }
-  // Empty before and empty after: this one alone was sent meanwhile, and the queue knows by whom.
-  empty_ = IpcQueueStateGet(queueId_, &state) == 0 && state.messages == 0;
-  if (before && empty_) *sender = state.sender;
   *size = static_cast<size_t>(got);
+  if (!empty_) return ret;
+  // Empty before and empty after: this one alone was sent meanwhile, and the queue knows by whom.
+  empty_ = LooksEmpty(&last);
+  if (empty_) *sender = last;
   return ret;
 }

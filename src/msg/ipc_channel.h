@@ -52,6 +52,9 @@ struct IpcQueueState {
 /// @retval 1 the queue is gone or not ours
 [[nodiscard]] uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state);
 
+/// A moment's wait for the process at the other end of a queue; `turn` counts them from 0.
+void IpcPause(uint32_t turn);
+
 /// Where frames go.
 struct IpcTarget {
   int32_t queueId;
@@ -94,7 +97,11 @@ class IpcQueueReader {
 
  private:
   ssize_t Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const;
+  bool LooksEmpty(uint32_t* sender) const;
+
+  static constexpr uint32_t kEmptyReadsToLook = 64;  ///< for messages of classes that nobody reads
 
   int32_t queueId_;
+  uint32_t emptyReads_ = 0;
   bool empty_ = false;  ///< the queue was, when it was last looked at
 };

@@ -1,6 +1,4 @@
 /// The tasks "IPCMGR" and its reader: reading, rebuilding, delivering, and the timer's work.
-#include <sched.h>
-
 #include "base/result_codes.h"
 #include "log/run_log.h"
 #include "msg/heart_beat_manager.h"
@@ -12,7 +10,11 @@ namespace {
 
 constexpr uint16_t kLogModule = 0;
 constexpr uint32_t kFramesAtOnce = 1024;
-constexpr uint32_t kLooksAtEmpty = 30;  ///< before the reader task sleeps on the semaphore again
+// Looks at an empty queue before the reader task sleeps on the semaphore again: more when a sender is in
+// flow.
+constexpr uint32_t kBusyFrames = 8;
+constexpr uint32_t kLooks = 10;
+constexpr uint32_t kLooksWhenBusy = 300;
 constexpr uint32_t kSemapWaitMs = 20;
 constexpr uint32_t kTicksPerSecond = 50;
 constexpr uint16_t kHeartBeatTimeoutS = 300;
@@ -32,18 +34,25 @@ void CIpcManager::Run() {
 /// frames come, its raises are taken along here instead of waking the reader task one by one.
 void CIpcManager::OnReadEvent() {
   uint32_t frames = 0;
-  for (uint32_t looks = 0; looks < kLooksAtEmpty; ++looks) {
-    DrainSemap(endpoint_.semapId);
+  uint32_t looks = 0;
+  for (;;) {
     const uint32_t read = ReadQueue();
     if (read == kFramesAtOnce) LOG_ERR(kLogModule, "Recv App Msg Over");
     frames += read;
     if (frames >= kFramesAtOnce) {  // the timer's turn; more is read after it
+      DrainSemap(endpoint_.semapId);
       (void)KEL_EventWrite(taskId_, kIpcEventRead);
       return;
     }
-    if (read != 0) looks = 0;
-    if (read == 0) (void)sched_yield();
+    if (read != 0) {
+      looks = 0;
+      continue;
+    }
+    if (looks == (frames >= kBusyFrames ? kLooksWhenBusy : kLooks)) break;
+    IpcPause(looks++);
   }
+  DrainSemap(endpoint_.semapId);
+  (void)ReadQueue();  // what the raises that went just now announced; later ones wake the reader task
   ReleaseReader();
 }
 
