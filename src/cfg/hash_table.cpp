@@ -32,13 +32,9 @@ uint32_t CHashTable::Init(uint32_t memModuleId, uint16_t bucketCount, HashTableH
   const uint32_t size = bucketCount * static_cast<uint32_t>(sizeof(HASH_TABLE_LINK));
   if (arena_ != nullptr) {
     (void)arena_->Init(memModuleId);  // an id of 0 shows in what follows
-    const MEM_SECTION_HEAD_INFO_S section{0, size};
-    void* memory = nullptr;
-    if (arena_->AllocMemInBlockByKeyInfo(&arenaKey_, &section, memory) == kSuccess) {
-      buckets_ = static_cast<HASH_TABLE_LINK*>(memory);  // zero, like every section
-      bucketsInArena_ = true;
-      return kSuccess;
-    }
+    buckets_ = static_cast<HASH_TABLE_LINK*>(arena_->AllocSection(arenaKey_, size).memory);
+    bucketsInArena_ = buckets_ != nullptr;
+    if (bucketsInArena_) return kSuccess;  // zero, like every section
   }
   if (bucketCount == 0) {
     LOG_ERR(kLogModule, "hash head num0");
@@ -50,27 +46,29 @@ uint32_t CHashTable::Init(uint32_t memModuleId, uint16_t bucketCount, HashTableH
   return kFailure;
 }
 
-// The head of the key's bucket; null with a log line when there is none.
-HASH_TABLE_LINK* CHashTable::LinkOf(const void* key, HashTableHashFunc hash) const {
-  const HashTableHashFunc used = shared_ ? hash : hash_;
-  if (buckets_ == nullptr || used == nullptr) {
-    LOG_INF(kLogModule, "err:hash not init");
-    return nullptr;
-  }
-  const uint16_t index = used(key);
-  if (index < bucketCount_) return &buckets_[index];
+// Why a key has no bucket; always false.
+bool CHashTable::NotInit() {
+  LOG_INF(kLogModule, "err:hash not init");
+  return false;
+}
+
+bool CHashTable::NoBucket(uint16_t index) const {
   LOG_ERR(kLogModule, "err slot %d vs %d", index, bucketCount_);
-  return nullptr;
+  return false;
 }
 
 uint32_t CHashTable::GetHashNodeByKeyInfo(const void* key, HASH_TABLE_NODE**& slot,
                                           HashTableHashFunc hash) const {
-  void* place = LinkOf(key, hash);
+  slot = nullptr;
+  uint16_t index = 0;
+  if (!IndexOf(key, hash, index)) return kFailure;
+  void* place = &buckets_[index];
   slot = static_cast<HASH_TABLE_NODE**>(place);
-  return slot != nullptr ? kSuccess : kFailure;
+  return kSuccess;
 }
 
-void* CHashTable::AddTo(HASH_TABLE_LINK& head, void* memory) {
+void* CHashTable::AddTo(uint16_t index, void* memory) {
+  HASH_TABLE_LINK& head = buckets_[index];
   auto* node = static_cast<HASH_TABLE_NODE*>(memory);
   node->next = head;
   head.node = node;
@@ -79,38 +77,26 @@ void* CHashTable::AddTo(HASH_TABLE_LINK& head, void* memory) {
 }
 
 void* CHashTable::AddHashNodeWithData(const void* key, uint16_t dataLength, HashTableHashFunc hash) {
-  HASH_TABLE_LINK* head = key != nullptr && dataLength != 0 ? LinkOf(key, hash) : nullptr;
-  void* memory = head != nullptr
-                     ? cfg::AllocZeroed(shared_, memModuleId_, sizeof(HASH_TABLE_NODE) + dataLength)
-                     : nullptr;
-  if (memory != nullptr) return AddTo(*head, memory);
+  uint16_t index = 0;
+  void* memory = nullptr;
+  if (key != nullptr && dataLength != 0 && IndexOf(key, hash, index))
+    memory = cfg::AllocZeroed(shared_, memModuleId_, sizeof(HASH_TABLE_NODE) + dataLength);
+  if (memory != nullptr) return AddTo(index, memory);
   LOG_ERR(kLogModule, "malloc hash err");
   return nullptr;
 }
 
 void* CHashTable::AddHashNodeWithDataByMemBlock(const void* key, uint16_t dataLength,
                                                 HashTableHashFunc hash) {
-  HASH_TABLE_LINK* head = key != nullptr && dataLength != 0 ? LinkOf(key, hash) : nullptr;
-  if (head == nullptr) {
+  uint16_t index = 0;
+  if (key == nullptr || dataLength == 0 || !IndexOf(key, hash, index)) {
     LOG_ERR(kLogModule, "malloc hash err");
     return nullptr;
   }
-  const MEM_SECTION_HEAD_INFO_S section{0, static_cast<uint32_t>(sizeof(HASH_TABLE_NODE)) + dataLength};
-  void* memory = nullptr;
-  const uint32_t result =
-      arena_ != nullptr ? arena_->AllocMemInBlockByKeyInfo(&arenaKey_, &section, memory) : kFailure;
-  if (result == kSuccess) return AddTo(*head, memory);
-  LOG_ERR(kLogModule, "alloc err %#x", result);
-  return nullptr;
-}
-
-void* CHashTable::GetOneAppointNode(const void* key, HashTableMatchFunc match, void* context,
-                                    HashTableHashFunc hash) const {
-  const HASH_TABLE_LINK* head = LinkOf(key, hash);
-  if (head == nullptr || match == nullptr) return nullptr;
-  for (HASH_TABLE_NODE* node = head->node; node != nullptr; node = node->next.node) {
-    if (match(node->Data(), context) == 1) return node->Data();
-  }
+  CMemBlockManage::Section section{nullptr, kFailure};
+  if (arena_ != nullptr) section = arena_->AllocSection(arenaKey_, sizeof(HASH_TABLE_NODE) + dataLength);
+  if (section.result == kSuccess) return AddTo(index, section.memory);
+  LOG_ERR(kLogModule, "alloc err %#x", section.result);
   return nullptr;
 }
 
@@ -134,8 +120,8 @@ uint32_t CHashTable::RemoveFrom(HASH_TABLE_LINK& head, HashTableMatchFunc match,
 uint32_t CHashTable::DeleteAllAppointNode(const void* key, HashTableMatchFunc match, void* context,
                                           HashTableHashFunc hash) {
   if (arena_ != nullptr || match == nullptr) return kFailure;
-  HASH_TABLE_LINK* head = LinkOf(key, hash);
-  return head != nullptr ? RemoveFrom(*head, match, context) : kFailure;
+  uint16_t index = 0;
+  return IndexOf(key, hash, index) ? RemoveFrom(buckets_[index], match, context) : kFailure;
 }
 
 uint16_t CHashTable::TravelDeleteAllAppointNode(HashTableMatchFunc match, void* context) {

@@ -52,7 +52,8 @@ class CHashTable {
   [[nodiscard]] uint32_t Init(uint32_t memModuleId, uint16_t bucketCount, HashTableHashFunc hash);
 
   /// The place of the head of the key's bucket; it may stand at any multiple of 4 in a table with an arena.
-  /// `hash` counts in shared-memory mode only, here and in all calls that take one.
+  /// `hash` counts in shared-memory mode only, here and in all calls that take one; in the other modes a
+  /// look-up is faster where it is given and is the table's own.
   /// @retval 1 no buckets, no hash function ("err:hash not init"), or no such bucket ("err slot ..."); the
   ///   slot is null then
   [[nodiscard]] uint32_t GetHashNodeByKeyInfo(const void* key, HASH_TABLE_NODE**& slot,
@@ -99,8 +100,10 @@ class CHashTable {
   void ClearHashTable();
 
  private:
-  HASH_TABLE_LINK* LinkOf(const void* key, HashTableHashFunc hash) const;
-  void* AddTo(HASH_TABLE_LINK& link, void* memory);
+  bool IndexOf(const void* key, HashTableHashFunc hash, uint16_t& index) const;
+  [[gnu::cold]] bool NoBucket(uint16_t index) const;
+  [[gnu::cold]] static bool NotInit();
+  void* AddTo(uint16_t index, void* memory);
   uint32_t RemoveFrom(HASH_TABLE_LINK& head, HashTableMatchFunc match, void* context);
 
   HashTableHashFunc hash_ = nullptr;
@@ -113,6 +116,38 @@ class CHashTable {
   MEM_BLOCK_KEY_PARA_INFO_S arenaKey_{};
   bool shared_;
 };
+
+// Look-ups stand here so that the caller's functions, which it names where it calls, become part of them.
+
+// The place of the key's bucket; false with a log line when there is none. A function that the compiler sees
+// at the call is called without a jump when it is the table's own, which it nearly always is.
+inline bool CHashTable::IndexOf(const void* key, HashTableHashFunc hash, uint16_t& index) const {
+  if (buckets_ == nullptr) [[unlikely]]
+    return NotInit();
+  if (hash != nullptr &&
+      __builtin_expect(hash == hash_, 1)) {  // the attribute loses against a guess on pointers
+    index = hash(key);
+  } else {
+    const HashTableHashFunc used = shared_ ? hash : hash_;
+    if (used == nullptr) [[unlikely]]
+      return NotInit();
+    index = used(key);
+  }
+  if (index < bucketCount_) [[likely]]
+    return true;
+  return NoBucket(index);
+}
+
+inline void* CHashTable::GetOneAppointNode(const void* key, HashTableMatchFunc match, void* context,
+                                           HashTableHashFunc hash) const {
+  uint16_t index = 0;
+  if (match == nullptr || !IndexOf(key, hash, index)) return nullptr;
+  for (HASH_TABLE_NODE* node = buckets_[index].node; node != nullptr; node = node->next.node) {
+    if (match(node->Data(), context) == 1) [[likely]]
+      return node->Data();
+  }
+  return nullptr;
+}
 
 /// Walks over all nodes of one table, which must not change meanwhile.
 class CHashCursor {

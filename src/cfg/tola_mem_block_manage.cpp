@@ -64,22 +64,35 @@ uint32_t CMemBlockManage::Init(uint32_t memModuleId) {
 uint32_t CMemBlockManage::AllocMemInBlockByKeyInfo(const MEM_BLOCK_KEY_PARA_INFO_S* key,
                                                    const MEM_SECTION_HEAD_INFO_S* section, void*& out) {
   out = nullptr;
-  if (key == nullptr || section == nullptr || key->blockMaxLen == 0 || memModuleId_ == 0)
-    return kArenaErrPara;
-  TYPE_MEM_BLOCK_LIST_S* type = FindType(*key);
-  if (type == nullptr) {
-    const uint32_t result = AddType(*key, type);
-    if (result != kSuccess) return result;
-  }
-  const uint64_t length = Align4(section->length);
-  const uint64_t room = Align4(key->blockMaxLen);
-  if (length >= room) return kArenaErrSection;
-  out = Carve(type->info.blocks, length, room);
-  if (out != nullptr) return kSuccess;
-  const uint32_t result = AddBlock(*type);
-  if (result != kSuccess) return result;
-  out = Carve(type->info.blocks, length, room);
-  return kSuccess;
+  if (key == nullptr || section == nullptr) return kArenaErrPara;
+  const Section taken = AllocSection(*key, section->length);
+  out = taken.memory;
+  return taken.result;
+}
+
+CMemBlockManage::Section CMemBlockManage::AllocSection(const MEM_BLOCK_KEY_PARA_INFO_S& key,
+                                                       uint32_t length) {
+  if (key.blockMaxLen == 0 || memModuleId_ == 0) return {nullptr, kArenaErrPara};
+  TYPE_MEM_BLOCK_LIST_S* type = FindType(key);
+  const uint64_t aligned = Align4(length);
+  const uint64_t room = Align4(key.blockMaxLen);
+  void* memory = type != nullptr && aligned < room ? Carve(type->info.blocks, aligned, room) : nullptr;
+  if (memory != nullptr) [[likely]]
+    return {memory, kSuccess};
+  return AllocFromNewBlock(key, type, length);
+}
+
+CMemBlockManage::Section CMemBlockManage::AllocFromNewBlock(const MEM_BLOCK_KEY_PARA_INFO_S& key,
+                                                            TYPE_MEM_BLOCK_LIST_S* type, uint32_t length) {
+  uint32_t result = type != nullptr ? kSuccess : AddType(key);
+  if (result != kSuccess) return {nullptr, result};
+  if (type == nullptr) type = types_;
+  const uint64_t aligned = Align4(length);
+  const uint64_t room = Align4(key.blockMaxLen);
+  if (aligned >= room) return {nullptr, kArenaErrSection};  // the new type stays
+  result = AddBlock(*type);
+  if (result != kSuccess) return {nullptr, result};
+  return {Carve(type->info.blocks, aligned, room), kSuccess};
 }
 
 uint32_t CMemBlockManage::ClearRegMemBlock(const MEM_BLOCK_KEY_PARA_INFO_S* key) {
@@ -103,8 +116,9 @@ TYPE_MEM_BLOCK_LIST_S* CMemBlockManage::FindType(const MEM_BLOCK_KEY_PARA_INFO_S
   return nullptr;
 }
 
-uint32_t CMemBlockManage::AddType(const MEM_BLOCK_KEY_PARA_INFO_S& key, TYPE_MEM_BLOCK_LIST_S*& type) {
-  type = static_cast<TYPE_MEM_BLOCK_LIST_S*>(cfg::AllocZeroed(shared_, memModuleId_, sizeof(*type)));
+// The new type stands at the head of the list.
+uint32_t CMemBlockManage::AddType(const MEM_BLOCK_KEY_PARA_INFO_S& key) {
+  auto* type = static_cast<TYPE_MEM_BLOCK_LIST_S*>(cfg::AllocZeroed(shared_, memModuleId_, sizeof(*types_)));
   if (type == nullptr) return kArenaErrTypeMemory;
   if (memcpy_s(type->info.identity, sizeof(type->info.identity), key.identity, sizeof(key.identity)) != EOK) {
     cfg::Free(shared_, type);

@@ -49,6 +49,13 @@ class CMemBlockManage {
   [[nodiscard]] uint32_t AllocMemInBlockByKeyInfo(const MEM_BLOCK_KEY_PARA_INFO_S* key,
                                                   const MEM_SECTION_HEAD_INFO_S* section, void*& out);
 
+  /// The same, for whoever has key and length at hand.
+  struct Section {
+    void* memory;  ///< null when result is not 0
+    uint32_t result;
+  };
+  [[nodiscard]] Section AllocSection(const MEM_BLOCK_KEY_PARA_INFO_S& key, uint32_t length);
+
   /// Gives back the blocks of the key's identity, those of other block lengths included; the key itself must
   /// be known with its length.
   /// @retval kArenaErrClear, kArenaErrKey
@@ -56,7 +63,9 @@ class CMemBlockManage {
 
  private:
   TYPE_MEM_BLOCK_LIST_S* FindType(const MEM_BLOCK_KEY_PARA_INFO_S& key) const;
-  uint32_t AddType(const MEM_BLOCK_KEY_PARA_INFO_S& key, TYPE_MEM_BLOCK_LIST_S*& type);
+  [[gnu::noinline]] Section AllocFromNewBlock(const MEM_BLOCK_KEY_PARA_INFO_S& key,
+                                              TYPE_MEM_BLOCK_LIST_S* type, uint32_t length);
+  uint32_t AddType(const MEM_BLOCK_KEY_PARA_INFO_S& key);
   uint32_t AddBlock(TYPE_MEM_BLOCK_LIST_S& type);
   void FreeType(TYPE_MEM_BLOCK_LIST_S* type);
 
