@@ -16,6 +16,10 @@ PAIRS = [
     ("OneThread", "OneThreadMutex", "a message posted and received", 0.65),
     ("Stream/real_time/threads:2", "StreamMutex/real_time/threads:2", "messages streaming between threads", 0.90),
     ("Stream/real_time/threads:2", "StreamEventfd/real_time/threads:2", "the same", 0.35),
+    ("HitLive", "HitLiveUnorderedMap", "a hit, 4 nodes in 300 buckets", 0.75),
+    ("HitMany", "HitManyUnorderedMap", "a hit, 1000 nodes in 65535 buckets", 0.50),
+    ("Insert", "InsertUnorderedMap", "a node inserted from an arena", 0.30),
+    ("Section", "SectionCalloc", "16 bytes from an arena", 0.35),
 ]
 
 times = {}
