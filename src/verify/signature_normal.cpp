@@ -27,15 +27,6 @@ constexpr uint8_t kPartVerifyStrict = 2;
 
 using ListName = char[kListNameMax + 1];
 
-/// A digest text on the stack, cleansed when it goes.
-struct DigestText {
-  char text[kDigestText] = {};
-  DigestText() = default;
-  DigestText(const DigestText&) = delete;
-  DigestText& operator=(const DigestText&) = delete;
-  ~DigestText() { OPENSSL_cleanse(text, sizeof(text)); }
-};
-
 /// Here and not when verification is enabled: the tables cost a waiting process 1 MB. Costs nothing the
 /// second time; a failure makes the engine refuse.
 void ReadyCryptoTables() {
@@ -97,6 +88,10 @@ uint32_t CheckDirectoryEntries(const SIGNATURE_VERIFY_REQ_S& request, const char
 }
 
 }  // namespace
+
+DigestText::~DigestText() {
+  OPENSSL_cleanse(text, sizeof(text));
+}
 
 uint32_t CMSSignatureVerify(const SIGNATURE_VERIFY_REQ_S& request) {
   ReadyCryptoTables();

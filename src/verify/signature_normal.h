@@ -16,6 +16,15 @@ inline constexpr size_t kListNameMax = 128;                  ///< longest name i
 inline constexpr size_t kDigestBytes = 32;                   ///< SHA-256
 inline constexpr size_t kDigestText = 2 * kDigestBytes + 1;  ///< its hexadecimal text with terminator
 
+/// A digest text on the stack, cleansed when it goes.
+struct DigestText {
+  char text[kDigestText] = {};
+  DigestText() = default;
+  DigestText(const DigestText&) = delete;
+  DigestText& operator=(const DigestText&) = delete;
+  ~DigestText();
+};
+
 struct FILE_LIST_ENTRY_S {
   char name[kListNameMax + 1];
   char digest[kDigestText];

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <string_view>
 
 #include "base/owners.h"
@@ -38,9 +39,10 @@ bool TakeValue(std::string_view rest, char* value, size_t valueSize) {
   return text.size() < valueSize && memcpy_s(value, valueSize, text.data(), text.size()) == EOK;
 }
 
-/// Walks the lines. A line that is longer than allowed is searched too, piece by piece with the key's length
-/// in common, so that a key in it is noticed and refused instead of overlooked.
-uint32_t SearchKey(FILE* file, std::string_view key, char* value, size_t valueSize) {
+/// Walks the lines up to one that holds `until` (empty: none does). A line that is longer than allowed is
+/// searched too, piece by piece with the longer key's length in common, so that a key in it is noticed and
+/// refused instead of overlooked.
+uint32_t SearchKey(FILE* file, std::string_view key, std::string_view until, char* value, size_t valueSize) {
   char piece[kLineMax];
   while (true) {
     size_t kept = 0;
@@ -49,12 +51,13 @@ uint32_t SearchKey(FILE* file, std::string_view key, char* value, size_t valueSi
       size_t length = 0;
       ended = ReadPiece(file, piece + kept, sizeof(piece) - kept, length);
       const std::string_view text(piece, kept + length);
+      if (!until.empty() && text.find(until) != std::string_view::npos) return kKeyMissing;
       const size_t at = text.find(key);
       if (at != std::string_view::npos) {
         const bool whole = first && ended;
         return whole && TakeValue(text.substr(at + key.size()), value, valueSize) ? kKeyFound : kKeyUnusable;
       }
-      kept = key.size() - 1;
+      kept = std::max(key.size(), until.size()) - 1;
       if (!ended) memmove(piece, piece + sizeof(piece) - kept, kept);
     }
     if (ferror(file) != 0) return kKeyUnusable;
@@ -76,15 +79,17 @@ uint32_t TolaChangeU8toAscChar(const uint8_t* bytes, size_t count, char* text, s
   return kSuccess;
 }
 
-uint32_t GetKeyValueFromFile(FILE* file, const char* key, char* value, size_t valueSize) {
+uint32_t GetKeyValueFromFile(FILE* file, const char* key, char* value, size_t valueSize, const char* until) {
   if (file == nullptr || key == nullptr || value == nullptr || valueSize == 0) return kKeyUnusable;
   const std::string_view keyText(key);
-  if (keyText.empty() || keyText.size() > kLineMax || memset_s(value, valueSize, 0, valueSize) != EOK) {
+  const std::string_view untilText(until == nullptr ? "" : until);
+  if (keyText.empty() || std::max(keyText.size(), untilText.size()) > kLineMax ||
+      memset_s(value, valueSize, 0, valueSize) != EOK) {
     return kKeyUnusable;
   }
   const off_t start = ftello(file);
   if (start < 0) return kKeyUnusable;
-  const uint32_t result = SearchKey(file, keyText, value, valueSize);
+  const uint32_t result = SearchKey(file, keyText, untilText, value, valueSize);
   if (result != kKeyFound && fseeko(file, start, SEEK_SET) != 0) return kKeyUnusable;
   return result;
 }

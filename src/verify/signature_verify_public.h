@@ -18,8 +18,10 @@ inline constexpr uint32_t kKeyUnusable =
 /// Looks from the current position for the next line that holds `key` anywhere and copies what follows it, up
 /// to CR, LF or the end, into `value` (`valueSize` with terminator). On kKeyFound the position is after that
 /// line; otherwise `value` is empty, the position is where it was, and the key counts as missing. A line has
-/// at most 159 characters: in a longer one no value fits, and a value with a zero byte fits nowhere.
-[[nodiscard]] uint32_t GetKeyValueFromFile(FILE* file, const char* key, char* value, size_t valueSize);
+/// at most 159 characters: in a longer one no value fits, and a value with a zero byte fits nowhere. A line
+/// that holds `until` ends the search before it.
+[[nodiscard]] uint32_t GetKeyValueFromFile(FILE* file, const char* key, char* value, size_t valueSize,
+                                           const char* until = nullptr);
 
 /// "FileNum=" of the list at its current position: the low 8 bits of the decimal count.
 /// @retval 0 @retval 50989 missing, or not a decimal number
