@@ -10,6 +10,7 @@ inline constexpr int kExitUsage = 2;
 
 int RunMake(std::span<char* const> arguments);
 int RunInspect(std::span<char* const> arguments);
+int RunSecureBoot(std::span<char* const> arguments);
 int RunDevPki(std::span<char* const> arguments);
 
 /// Prints "update_pack: <text>" on standard error; the two statuses as results.

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "describe.h"
 #include "options.h"
+#include "text_out.h"
 #include "update/update_result.h"
 #include "verdict.h"
 
@@ -27,15 +28,6 @@ verification on copies of the signature's files. Exit status: 0 accepted, 1 refu
   --verdict-only     do not describe the package, only judge it: one pass over its bytes
   --json             print one JSON object
 )";
-
-/// Text of others on the reader's terminal: control characters come out as '?'.
-std::string Clean(const std::string& text) {
-  std::string clean = text;
-  for (char& c : clean) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  }
-  return clean;
-}
 
 void PrintDescription(const PackageDescription& what) {
   printf("package %s/%s\n", what.directory.c_str(), Clean(what.package).c_str());
@@ -74,31 +66,6 @@ void PrintVerdict(const Verdict& verdict) {
   printf("REFUSED with %" PRIu32 " at %s: %s\n", verdict.code, verdict.step.c_str(),
          UpdateResultText(static_cast<uint16_t>(verdict.code)));
   for (const std::string& line : verdict.said) printf("  %s\n", Clean(line).c_str());
-}
-
-std::string Quoted(const std::string& text) {
-  std::string quoted = "\"";
-  for (const char c : text) {
-    const unsigned char byte = static_cast<unsigned char>(c);
-    char escaped[8];
-    if (c == '"' || c == '\\') {
-      quoted += {'\\', c};
-    } else if (byte < 0x20 ||
-               byte >= 0x7F) {  // bytes, whatever their encoding, so that the object is always valid
-      (void)snprintf(escaped, sizeof(escaped), "\\u%04x", byte);
-      quoted += escaped;
-    } else {
-      quoted += c;
-    }
-  }
-  return quoted + "\"";
-}
-
-template <class List, class One>
-std::string Joined(const List& list, One one) {
-  std::string text = "[";
-  for (const auto& element : list) text += (text.size() > 1 ? "," : "") + one(element);
-  return text + "]";
 }
 
 std::string CertJson(const CertDescription& cert) {

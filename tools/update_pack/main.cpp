@@ -11,6 +11,7 @@ namespace {
 constexpr char kUsage[] =
     R"(Usage: update_pack make ...       make and sign a package
        update_pack inspect DIR    show what is in one, and whether this build would accept it
+       update_pack secure-boot .. make the signed file list of an installed application
        update_pack dev-pki ...    keep a development certification authority
        update_pack COMMAND --help
 
@@ -21,7 +22,8 @@ struct Command {
   const char* name;
   int (*run)(std::span<char* const>);
 };
-constexpr Command kCommands[] = {{"make", RunMake}, {"inspect", RunInspect}, {"dev-pki", RunDevPki}};
+constexpr Command kCommands[] = {
+    {"make", RunMake}, {"inspect", RunInspect}, {"secure-boot", RunSecureBoot}, {"dev-pki", RunDevPki}};
 
 }  // namespace
 

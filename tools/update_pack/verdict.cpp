@@ -1,11 +1,9 @@
 #include "verdict.h"
 
-#include <stdio.h>
 #include <stdlib.h>
 
-#include "cms/root_ca.h"
+#include "ask_product.h"
 #include "frame/public_file_cfg.h"
-#include "log/run_log.h"
 #include "tool_io.h"
 #include "update/file_name_check.h"
 #include "verify/crl_manage.h"
@@ -18,7 +16,6 @@ constexpr uint32_t kEnableInfo = 0x00020001;  // as the process enables it
 
 // The hooks take no argument of ours; this program asks once and from one thread.
 std::string g_storedDirectory;
-std::vector<std::string>* g_said = nullptr;
 
 /// Every file that the verification would look up on the device lies in the scratch directory instead.
 const char* StoredInScratch(const char* path) {
@@ -27,32 +24,11 @@ const char* StoredInScratch(const char* path) {
   return mapped.c_str();
 }
 
-__attribute__((format(printf, 2, 0))) void Listen(const TOLA_LOG_PARA_S* record, const char* fmt,
-                                                  va_list args) {
-  if (g_said == nullptr || record->level != kLogErr) return;
-  char text[512];
-  if (vsnprintf(text, sizeof(text), fmt, args) > 0) g_said->emplace_back(text);
-}
-
 /// Copies `from` into the scratch directory under its own name; "" stays "".
 bool Bring(const ScratchDir& scratch, const std::string& from, std::string& to, std::string& error) {
   if (from.empty()) return true;
   to = scratch.File(BaseName(from));
   return CopyToNewFile(from, to, error);
-}
-
-bool TrustRoot(const VerdictQuestion& question, std::string& bytes, std::string& error) {
-  if (question.rootCert.empty()) return true;
-  if (!ReadSmallFile(question.rootCert, bytes, error)) return false;
-  if (bytes.empty() || bytes.size() > UINT16_MAX) {
-    error = question.rootCert + " is no certificate";
-    return false;
-  }
-  const TOLA_ROOT_CA_S entry = {question.caType, reinterpret_cast<const uint8_t*>(bytes.data()),
-                                static_cast<uint16_t>(bytes.size()), 1};
-  if (TOLA_SignatureVerificationAddRootCA(entry) == 0) return true;
-  error = "there is no CA type " + std::to_string(question.caType);
-  return false;
 }
 
 /// The road of an update up to its unpacking; stops at the first refusal.
@@ -91,12 +67,11 @@ bool AskProduct(const VerdictQuestion& question, Verdict& verdict, std::string& 
   }
   if (!question.storedCrl.empty() && !CopyToNewFile(question.storedCrl, storedName, error)) return false;
 
-  g_said = &verdict.said;
-  RegLogSeparatePrintFunc(Listen);
+  const LogListener listener(verdict.said);
   std::string root;  // the table points at it until the verification is done
   bool ready = TolaEnableSignatureVerification(kEnableInfo) == 0 && TolaSignatureVerifierRegistered();
   if (!ready) error = "the verification could not be enabled";
-  ready = ready && TrustRoot(question, root, error);
+  ready = ready && TrustRoot(question.rootCert, question.caType, root, error);
   if (ready) {
     SIGNATURE_VERIFY_REQ_S request;
     request.signaturePath = signature.c_str();
@@ -104,8 +79,6 @@ bool AskProduct(const VerdictQuestion& question, Verdict& verdict, std::string& 
     request.crlPath = crl.c_str();
     Walk(request, question, verdict);
   }
-  RegLogSeparatePrintFunc(nullptr);
-  g_said = nullptr;
   SetCfgCallBackFunc(nullptr, nullptr);
   return ready;
 }
