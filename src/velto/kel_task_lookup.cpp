@@ -7,7 +7,7 @@
 namespace velto {
 namespace {
 
-constexpr uint32_t kLooksBeforeSleep = 60;
+constexpr uint32_t kLooksBeforeSleep = 8;
 
 bool Runs(uint32_t state) {
   return TaskPhaseOf(state) == kTaskRunning;
@@ -33,8 +33,10 @@ uint32_t TakeEvents(TaskSlot& slot, uint32_t mask) {
 
 uint32_t AwaitEvents(TaskSlot& slot, uint32_t mask, uint32_t timeoutMs) {
   // A stream of messages brings the next event within a microsecond: looking again is cheaper than sleeping.
-  for (uint32_t turn = 0; turn < kLooksBeforeSleep; ++turn) {
-    WaitBriefly(turn);
+  // The pauses between the looks grow, so that a sender that is slower than this task gets a few messages
+  // ahead instead of sharing the word with it after each one.
+  for (uint32_t look = 0; look < kLooksBeforeSleep; ++look) {
+    for (uint32_t pause = 0; pause < 4 + look; ++pause) WaitBriefly(0);
     const uint32_t taken = TakeEvents(slot, mask);
     if (taken != 0) return taken;
   }
