@@ -23,8 +23,10 @@ constexpr uint16_t kMsgRegisterAgain = 41696;
 
 constexpr uint32_t kTaskPriority = 3;
 constexpr uint32_t kSecondMs = 1000;
+constexpr uint32_t kQuietSeconds = 30;  ///< after a registration that was not taken
 constexpr uint32_t kEventSecond = 0x8000;
 constexpr uint32_t kEventMsg = 0x4000;
+constexpr uint32_t kEventRegister = 0x2000;
 constexpr uint32_t kQueueLength = 32;
 constexpr uint16_t kHeartBeatId = 4;
 constexpr uint16_t kHeartBeatTimeoutS = 1800;
@@ -94,7 +96,7 @@ uint32_t CFeatureFaultManager::Init(const TOLA_FAULT_MGR_CFG_S* cfg) {
   if (result != 0) return result;
   result = TOLA_MsgModuleRegister(moduleId_, taskId, kEventMsg, kQueueLength);
   if (result != 0) return result;
-  Register();
+  (void)KEL_EventWrite(taskId, kEventRegister);  // by the task: a queue that is full holds up no start
   LOG_EVT(kLogModule, "feature fault manager init ok");
   return kSuccess;
 }
@@ -112,7 +114,9 @@ void CFeatureFaultManager::Run() {
   (void)TOLA_RegHeartBeatId(kHeartBeatId, kHeartBeatTimeoutS, 0);
   for (;;) {
     uint32_t received = 0;
-    if (KEL_EventRead(kEventSecond | kEventMsg, &received, kKelEventAny, KEL_WAIT_FOREVER) != 0) continue;
+    const uint32_t awaited = kEventRegister | kEventSecond | kEventMsg;
+    if (KEL_EventRead(awaited, &received, kKelEventAny, KEL_WAIT_FOREVER) != 0) continue;
+    if ((received & kEventRegister) != 0) Register();
     if ((received & kEventSecond) != 0) ProcessSecond();
     if ((received & kEventMsg) != 0) DrainQueue();
   }
@@ -122,13 +126,18 @@ void CFeatureFaultManager::ProcessSecond() {
   for (const std::atomic<FaultTimer1sFunc>& slot : g_timerSlots) {
     if (const FaultTimer1sFunc callback = slot.load(); callback != nullptr) (void)callback();
   }
-  if (isRegistered_ == 0) Register();
+  if (quietSeconds_ != 0) {
+    --quietSeconds_;
+  } else if (isRegistered_ == 0) {
+    Register();
+  }
   (void)TOLA_SendThreadHeartBeat();  // the heart-beat manager logs a task that it does not know
 }
 
 void CFeatureFaultManager::Register() {
-  // Whether it arrives or not, it is sent again until it is acknowledged.
-  (void)FeatureFaultMgrReg(moduleId_, getpid());
+  // Whether it arrives or not, it is sent again until it is acknowledged. But one that is not taken has
+  // waited for five seconds, because nobody reads at the other end: so long the one-second calls did not run.
+  quietSeconds_ = FeatureFaultMgrReg(moduleId_, getpid()) == 0 ? 0 : kQuietSeconds;
 }
 
 void CFeatureFaultManager::DrainQueue() {

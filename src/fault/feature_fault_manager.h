@@ -35,14 +35,15 @@ using FaultTimer1sFunc = uint32_t (*)();
 [[nodiscard]] uint32_t TOLA_CfgProcessMemThreshold(uint16_t percent, const char* name);
 
 /// Tells the platform's fault manager that module `moduleId` of process `pid` is here.
-/// @retval kFaultErrRegister moduleId above 1856 or pid below 1 @retval other the post's
+/// @retval kFaultErrRegister moduleId above 1856 or pid below 1 @retval 1 nobody takes the message
 [[nodiscard]] uint32_t FeatureFaultMgrReg(uint16_t moduleId, int32_t pid);
 
 class CFeatureFaultManager {
  public:
-  /// Starts the task, its one-second timer and its message queue, and registers the process. Once a process.
+  /// Starts the task, its one-second timer and its message queue, and has the task register the process.
+  /// Once a process.
   /// @retval kFaultErrNullCfg @retval 1 no task, or initialised already
-  /// @retval other the timer's, the message manager's or the registration's own result
+  /// @retval other the timer's or the message manager's own result
   [[nodiscard]] uint32_t Init(const TOLA_FAULT_MGR_CFG_S* cfg);
 
  private:
@@ -60,7 +61,7 @@ class CFeatureFaultManager {
   uint16_t moduleId_ = 0;
   uint16_t isRegistered_ = 0;  ///< the fault manager has acknowledged
   std::atomic<bool> isStarted_ = false;
-  uint32_t taskId_ = 0;
+  uint32_t quietSeconds_ = 0;  ///< until the next registration
 };
 
 /// The process's agent, made by the first call together with its memory handle; null when there is none to be
