@@ -1,0 +1,222 @@
+/// A feature process for the system tests: the frame under a name of its own, and in place of a component one
+/// task that exchanges messages with its twin and compares every byte of them.
+///
+/// Files in /run steer it: "exchange" starts the exchange, "exchange.stop" ends it, "<name>.stick" stops the
+/// task's heart beat, "<name>.fill" uses up the memory. How it stands is one line in "/log/<name>.result".
+
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fault/feature_fault_manager.h"
+#include "frame/feature_identity.h"
+#include "frame/feature_process.h"
+#include "log/run_log.h"
+#include "msg/heart_beat_manager.h"
+#include "support/platform_msg.h"
+#include "velto/kel_task.h"
+
+namespace {
+
+constexpr char kName[] = PEER_NAME;
+constexpr uint16_t kModule = PEER_MODULE;
+constexpr uint16_t kOwn = PEER_MODULE + 1;  ///< of the task
+constexpr uint16_t kTwin = PEER_TWIN + 1;
+
+constexpr uint32_t kEventMsg = 1;
+constexpr uint32_t kQueueLength = 64;
+constexpr uint32_t kTurnMs = 20;
+constexpr uint16_t kHeartBeatS = 60;
+constexpr uint16_t kMemoryPercent = 90;
+
+// Message types; the sub-type is a number of the sender's.
+constexpr uint16_t kHello = 0x5001;
+constexpr uint16_t kHelloBack = 0x5002;
+constexpr uint16_t kData = 0x5003;
+constexpr uint16_t kDataBack = 0x5004;
+constexpr uint16_t kDone = 0x5005;  ///< the sub-type is how many there were
+
+constexpr uint32_t kSizes[] = {0, 4064, 4065, 65538, 16777215};
+constexpr uint32_t kWindow = 4;  ///< messages that are not answered yet: far fewer than the queue holds
+constexpr uint32_t kMost = 60000;
+
+uint32_t SizeOf(uint16_t number) {
+  return kSizes[number % std::size(kSizes)];
+}
+
+/// Bytes that no other message and no other place of this one has.
+std::vector<uint64_t> ContentOf(uint16_t sender, uint16_t number) {
+  std::vector<uint64_t> words(SizeOf(number) / sizeof(uint64_t) + 1);
+  uint64_t word = (uint64_t{sender} << 32 | number) * 0x9E3779B97F4A7C15U;
+  for (uint64_t& each : words) each = word += 0xD1B54A32D192ED03U;
+  return words;
+}
+
+bool FileIsThere(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+class Exchange {
+ public:
+  [[noreturn]] void Run();
+
+ private:
+  void Take(const tagMsgBuf& msg);
+  void TakeData(const tagMsgBuf& msg);
+  void SendMore();
+  void Finish();
+  void ObeyFiles() const;
+  void Report() const;
+  /// Sends until the message is taken: what was refused has not arrived.
+  static void Send(uint16_t type, uint16_t number, const void* data, uint32_t length);
+
+  bool isGreeted_ = false;
+  bool isDone_ = false;
+  uint32_t sent_ = 0;
+  uint32_t answered_ = 0;
+  uint32_t received_ = 0;
+  uint32_t expected_ = kMost + 1;
+  uint32_t wrong_ = 0;
+  uint32_t twice_ = 0;
+  std::vector<bool> seen_ = std::vector<bool>(kMost);
+  std::vector<bool> back_ = std::vector<bool>(kMost);
+};
+
+void Exchange::Send(uint16_t type, uint16_t number, const void* data, uint32_t length) {
+  for (;;) {
+    support::MsgPtr msg(TOLA_MsgAlloc(kOwn, type, number, length));
+    if (msg != nullptr) {
+      if (length != 0) memcpy(TolaMsgData(msg.get()), data, length);
+      if (TOLA_MsgPost(kTwin, msg.get(), 1) == 0) return (void)msg.release();
+    }
+    (void)TOLA_SendThreadHeartBeat();
+    KEL_TaskDelay(kTurnMs);
+  }
+}
+
+void Exchange::TakeData(const tagMsgBuf& msg) {
+  const uint16_t number = msg.subType;
+  const bool isKnown = number < kMost && GetTolaMsgLen(&msg) == SizeOf(number);
+  if (!isKnown || memcmp(TolaMsgData(&msg), ContentOf(kTwin, number).data(), SizeOf(number)) != 0) {
+    ++wrong_;
+    return;
+  }
+  if (seen_[number]) ++twice_;
+  if (!seen_[number]) ++received_;
+  seen_[number] = true;
+  Send(kDataBack, number, nullptr, 0);
+}
+
+void Exchange::Take(const tagMsgBuf& msg) {
+  if (msg.source != kTwin || msg.destination != kOwn) ++wrong_;
+  switch (msg.type) {
+    case kHello:
+      return Send(kHelloBack, 0, nullptr, 0);
+    case kHelloBack:
+      isGreeted_ = true;
+      return;
+    case kData:
+      return TakeData(msg);
+    case kDataBack:
+      if (msg.subType >= sent_ || back_[msg.subType]) ++wrong_;
+      if (msg.subType < sent_) back_[msg.subType] = true;
+      ++answered_;
+      return;
+    case kDone:
+      expected_ = msg.subType;
+      return;
+    default:
+      ++wrong_;
+  }
+}
+
+void Exchange::SendMore() {
+  while (sent_ - answered_ < kWindow && sent_ < kMost) {
+    const auto number = static_cast<uint16_t>(sent_++);
+    Send(kData, number, ContentOf(kOwn, number).data(), SizeOf(number));
+  }
+}
+
+void Exchange::Finish() {
+  if (answered_ != sent_) return;
+  if (!isDone_) Send(kDone, static_cast<uint16_t>(sent_), nullptr, 0);
+  isDone_ = true;
+}
+
+void Exchange::ObeyFiles() const {
+  const std::string own = std::string("/run/") + kName;
+  if (unlink((own + ".fill").c_str()) == 0) {
+    uint32_t handle = 0;
+    if (KEL_HandleInitialize("fill", &handle) != 0) _exit(1);
+    while (KEL_MemGetFreeSize() > KEL_MemGetTotalSize() / 20) {
+      if (KEL_MEM_ALLOC(handle, 1024 * 1024) == nullptr) break;  // is never given back
+    }
+  }
+  if (unlink((own + ".stick").c_str()) == 0) {
+    uint32_t received = 0;
+    for (;;) (void)KEL_EventRead(2, &received, kKelEventAny, KEL_WAIT_FOREVER);
+  }
+}
+
+void Exchange::Report() const {
+  const std::unique_ptr<FILE, decltype(&fclose)> file(
+      fopen((std::string("/log/") + kName + ".result").c_str(), "w"), fclose);
+  if (file == nullptr) return;
+  (void)fprintf(file.get(), "%s sent %u answered %u received %u of %u wrong %u twice %u\n",
+                isDone_ && received_ >= expected_ ? "done" : "runs", sent_, answered_, received_, expected_,
+                wrong_, twice_);
+}
+
+void Exchange::Run() {
+  uint32_t turns = 0;
+  for (;;) {
+    uint32_t received = 0;
+    (void)KEL_EventRead(kEventMsg, &received, kKelEventAny, kTurnMs);  // a turn without a message is one, too
+    tagMsgBuf* msg = nullptr;
+    while (TOLA_MsgRecv(kOwn, &msg, 0) == 0) {
+      Take(*msg);
+      TOLA_MsgFree(msg);
+    }
+    (void)TOLA_SendThreadHeartBeat();
+    ObeyFiles();
+    if (!FileIsThere("/run/exchange")) continue;
+    if (!isGreeted_ && turns++ % 50 == 0) Send(kHello, 0, nullptr, 0);
+    if (!isGreeted_) continue;
+    if (!FileIsThere("/run/exchange.stop")) {
+      SendMore();
+    } else {
+      Finish();
+    }
+    Report();
+  }
+}
+
+void RunTask(uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+  uint32_t self = 0;
+  if (KEL_TaskCurrentIdGet(&self) != 0 || TOLA_RegThreadHeartBeat(kHeartBeatS, 0) != 0 ||
+      TOLA_MsgModuleRegister(kOwn, self, kEventMsg, kQueueLength) != 0) {
+    LOG_ERR(kModule, "peer task cannot start");
+    return;
+  }
+  Exchange().Run();
+}
+
+uint32_t StartTask(TOLA_COMP_REG_BLOCK_S* /*no components*/) {
+  const uint32_t result = TOLA_CfgProcessMemThreshold(kMemoryPercent, kName);
+  if (result != 0) return result;
+  uint32_t taskId = 0;
+  return KEL_TaskCreate("PEER", &taskId, RunTask, 20, 0, 0, nullptr);
+}
+
+}  // namespace
+
+const FeatureIdentity g_featureIdentity = {kName, kModule, StartTask};
+
+int main(int /*argc*/, char** argv) {
+  return static_cast<int>(TolaOsFeatureProcessMain(argv[0], PEER_NAME "_main"));
+}
