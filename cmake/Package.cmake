@@ -2,13 +2,14 @@
 #
 # No service is installed: the device's own main process starts the update process when it wants one. board_main, which
 # stands in its place on a development board, lies beside the package's data for whoever tries the package out.
-set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # the package wants four programs, not the tests
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # the package wants five programs, not the tests
 set(app app_run/app_bin)
 set(board ${PROJECT_SOURCE_DIR}/board/root)
 install(TARGETS update_active DESTINATION ${app})
-install(TARGETS update_pack update_request DESTINATION usr/bin)
+install(TARGETS secureboot_check update_pack update_request DESTINATION usr/bin)
 install(TARGETS board_main DESTINATION usr/libexec/update-active)
-install(PROGRAMS ${board}/${app}/script/update_common.sh ${board}/${app}/script/ifconfig_lo_up.sh DESTINATION ${app}/script)
+file(GLOB scripts CONFIGURE_DEPENDS ${board}/${app}/script/*.sh)
+install(PROGRAMS ${scripts} DESTINATION ${app}/script)
 install(PROGRAMS ${board}/etc/init.d/cgrouputil.sh DESTINATION etc/init.d)
 install(FILES ${board}/${app}/accountlib/update_active.xml DESTINATION ${app}/accountlib)
 install(FILES ${board}/${app}/app_config/tola.cfg DESTINATION ${app}/app_config)
