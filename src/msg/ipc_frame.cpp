@@ -94,6 +94,7 @@ uint32_t IpcReassembly::TakeFirst(const IPC_MSG_S& frame) {
   if (messages_ >= kMessagesMax) return kIpcErrNode;
   if (bytes_ + Size(head) > kBytesMax) return kIpcErrNodeMemory;
 
+  if (memHandle_ == 0 && KEL_HandleInitialize("IPCMGR", &memHandle_) != 0) return kIpcErrNode;
   auto* node = static_cast<APP_MSG_FRAME_NODE_S*>(KEL_MEM_ALLOC(memHandle_, sizeof(APP_MSG_FRAME_NODE_S)));
   if (node == nullptr) return kIpcErrNode;
   *node = {};

@@ -66,8 +66,8 @@ class IpcReassembly {
   static constexpr uint64_t kBytesMax = 64u << 20;
   static constexpr uint32_t kAgeMax = 1500;  ///< ticks: 30 s of 20 ms
 
-  /// `memHandle` is where the nodes' memory is counted; messages are counted as platform messages are, so
-  /// the message manager must be up before the first frame.
+  /// `memHandle` is where the nodes' memory is counted, "IPCMGR" when it is 0. Messages are counted as
+  /// platform messages are, so the message manager must be up before the first frame.
   explicit IpcReassembly(uint32_t memHandle = 0) : memHandle_(memHandle) {}
   ~IpcReassembly();
   IpcReassembly(const IpcReassembly&) = delete;
