@@ -27,6 +27,7 @@ exec -a @name@ @emulator@ -0 "$0" @directory@/emulated/@name@ "$@"
     file(CHMOD ${directory}/${name} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
     string(APPEND directory /emulated)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR ${PROJECT_SOURCE_DIR}/cmake/cross/start_placed)
   endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${directory})
 endfunction()
@@ -41,6 +42,7 @@ endif()
 function(tola_test name)
   cmake_parse_arguments(TEST "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${TEST_SOURCES})
+  tola_place(${name} ${CMAKE_CURRENT_BINARY_DIR})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${TEST_DEPENDS} GTest::gmock GTest::gtest_main tola_warnings)
   target_compile_definitions(${name} PRIVATE TOLA_BUILD_DIR="${PROJECT_BINARY_DIR}"
