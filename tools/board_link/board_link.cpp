@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "comp/msg_codec.h"
 
 namespace board_link {
@@ -96,11 +98,11 @@ bool DecodeRequest(std::span<const unsigned char> packet, Request& request) {
 
 std::vector<unsigned char> EncodeAnswer(uint32_t result, std::string_view text) {
   text = text.substr(0, kPacketMax - kAnswerHead);
-  std::vector<unsigned char> packet(kAnswerHead);
+  std::vector<unsigned char> packet(kAnswerHead + text.size());
   unsigned char* cursor = packet.data();
   SetHostU32(kMagic, cursor);
   SetHostU32(result, cursor);
-  packet.insert(packet.end(), text.begin(), text.end());
+  std::copy(text.begin(), text.end(), cursor);
   return packet;
 }
 
