@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <exception>
 #include <string>
@@ -24,8 +25,11 @@ namespace {
 constexpr char kPathCfg[] = "/app_run/app_bin/app_config/tola.cfg";
 constexpr uint32_t kLogFileSize = 102400;
 
+constexpr char kOwnConfig[] = "/mnt/config/board_main.cfg";
+constexpr char kCommonConfig[] = "/mnt/config/feature.cfg";
+
 struct Options {
-  const char* config = "/mnt/config/board_main.cfg";
+  const char* config = access(kOwnConfig, F_OK) == 0 ? kOwnConfig : kCommonConfig;
   const char* socket = board_link::kSocketPath;
 };
 
