@@ -101,7 +101,8 @@ class CIpcManager {
   IpcReassembly reassembly_;
   uint32_t ticks_ = 0;
   uint32_t beats_ = 0;
-  int64_t beatSentAt_ = 0;  ///< the main queue's second of the last beat
+  int64_t beatSentAt_ = 0;    ///< the main queue's second of the last beat
+  int64_t registeredAt_ = 0;  ///< ... and of the last registration
   bool heartRegistered_ = false;
   bool heartRefused_ = false;
 };

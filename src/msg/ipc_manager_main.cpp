@@ -5,6 +5,7 @@
 /// holds up nobody.
 #include <errno.h>
 #include <signal.h>
+#include <time.h>
 
 #include <memory>
 
@@ -23,6 +24,18 @@ using MsgPtr = std::unique_ptr<tagMsgBuf, decltype([](tagMsgBuf* msg) { TOLA_Msg
 /// Whether process `pid` exists.
 bool IsAlive(uint32_t pid) {
   return kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+}
+
+/// The second as the kernel stamps a queue with it; no system call.
+int64_t QueueSecond() {
+  struct timespec now = {};
+  (void)clock_gettime(CLOCK_REALTIME_COARSE, &now);  // fails for no clock that there is
+  return now.tv_sec;
+}
+
+/// Whether what was sent at `sentAt` may still lie in the queue unread.
+bool MayBeUnread(const IpcQueueState& state, int64_t sentAt) {
+  return state.messages != 0 && state.readAt <= sentAt;
 }
 
 }  // namespace
@@ -79,10 +92,9 @@ void CIpcManager::SendHeartBeat() {
   const int32_t queueId = mainQueueId_.load(std::memory_order_relaxed);
   IpcQueueState state = {};
   if (IpcQueueStateGet(queueId, &state) != 0) return;
-  if (state.messages != 0 && state.readAt <= beatSentAt_) return;
+  if (MayBeUnread(state, beatSentAt_)) return;
   const IpcHeartBeatMsg beat = {pid_, ++beats_};
-  if (SendToMain(kIpcHeartBeat, &beat, sizeof(beat), IpcWait::kNever) != 0) return;
-  if (IpcQueueStateGet(queueId, &state) == 0) beatSentAt_ = state.sentAt;
+  if (SendToMain(kIpcHeartBeat, &beat, sizeof(beat), IpcWait::kNever) == 0) beatSentAt_ = QueueSecond();
 }
 
 /// Once a second: sees to it that the main process knows this process, and knows it right.
@@ -98,7 +110,9 @@ void CIpcManager::WatchMain() {
   const bool other = state.reader != 0 && state.reader != mainPid;  // a new one reads already
   if (mainPid != 0 && (other || !IsAlive(mainPid))) registry_.ForgetMain();
   if (registry_.mainPid() == 0) {
+    if (MayBeUnread(state, registeredAt_)) return;  // one is enough for a main process that is to come
     const uint32_t ret = RegAppInfo();
+    if (ret == 0) registeredAt_ = QueueSecond();
     if (ret != 0) LOG_WRN(kLogModule, "RegAppInfo err:%#x", ret);
     return;
   }
