@@ -2,8 +2,6 @@
 #pragma once
 
 #include <sched.h>
-#include <stdint.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -24,24 +22,20 @@ class TaskTurns {
   /// Does `wake`, which must wake the task, once the task sleeps; returns when it sleeps again.
   template <class Wake>
   void Turn(const Wake& wake) const {
-    const uint64_t before = Asleep();
+    const std::string before = Asleep();
     wake();
     while (Asleep() == before) (void)sched_yield();
   }
 
  private:
-  /// Waits until the task sleeps; how often it went to sleep so far.
-  [[nodiscard]] uint64_t Asleep() const {
+  /// Waits until the task sleeps; the line that tells how often it went to sleep so far.
+  [[nodiscard]] std::string Asleep() const {
     for (;; (void)sched_yield()) {
       std::ifstream file(status_);
-      bool sleeps = false;
-      for (std::string word; file >> word;) {
-        if (word == "State:") sleeps = (file >> word) && word == "S";
-        if (word != "voluntary_ctxt_switches:") continue;
-        uint64_t switches = 0;
-        file >> switches;
-        if (sleeps) return switches;
-      }
+      const std::string text{std::istreambuf_iterator<char>(file), {}};
+      const size_t count = text.find("\nvoluntary_ctxt_switches:");
+      if (text.find("\nState:\tS") == std::string::npos || count == std::string::npos) continue;
+      return text.substr(count + 1, text.find('\n', count + 1) - count);
     }
   }
 
