@@ -1,25 +1,51 @@
-"""idle_daemon.py BOARD DIR: starts the daemon on a board nine times; prints how long it takes until it listens, and the
-resident memory of the idle process."""
+"""idle_daemon.py BOARD DIR: on a board with its main process, starts the daemon nine times; prints how long it takes
+until it listens, and what the idle process holds of memory and takes of a core."""
 import statistics
 import subprocess
 import sys
 
 board, directory = sys.argv[1:]
-SCRIPT = r"""
-rm -rf /run/velto
+SOCKET = "/run/velto/127.0.0.1_104"
+MAIN = "/app_run/app_bin/board_main </dev/null >/log/board_main.log 2>&1 & while [ ! -S /run/board_main.sock ]; do :; done"
+START = rf"""
+rm -f {SOCKET}
 start=$(date +%s%N)
 /app_run/app_bin/script/update_common.sh
-while [ ! -e /run/velto/127.0.0.1_104 ]; do :; done
+while [ ! -e {SOCKET} ]; do :; done
 end=$(date +%s%N)
 sleep 0.2
 pid=$(pidof update_active)
 echo $(((end - start) / 1000)) $(sed -n 's/^VmRSS:[[:space:]]*\([0-9]*\) kB/\1/p' /proc/$pid/status)
-kill -9 $pid
 """
+STOP = "kill -9 $(pidof update_active)"
+# Nanoseconds that the threads have run.
+RUN_TIME = "cat /proc/$(pidof update_active)/task/*/schedstat | awk '{ sum += $1 } END { printf \"%d\\n\", sum }'"
+IDLE_SECONDS = 5
+
+
+def on_board(script):
+    return subprocess.run([board, "exec", directory, "sh", "-c", script], capture_output=True, text=True, check=True).stdout
+
+
+def started():
+    return [int(number) for number in on_board(START).split()]
+
+
+on_board(MAIN)
 ready, resident = [], []
 for _ in range(9):
-    out = subprocess.run([board, "exec", directory, "sh", "-c", SCRIPT], capture_output=True, text=True, check=True).stdout
-    microseconds, kilobytes = out.split()
-    ready.append(int(microseconds) / 1000)
-    resident.append(int(kilobytes) / 1024)
-print(f"  ready after {statistics.median(ready):.1f} ms (goal 8), resident {statistics.median(resident):.1f} MiB (goal 6)")
+    microseconds, kilobytes = started()
+    ready.append(microseconds / 1000)
+    resident.append(kilobytes / 1024)
+    on_board(STOP)
+
+started()
+on_board("sleep 2")  # registered, and its start forgotten
+busy = []
+for _ in range(3):
+    before, after = on_board(f"{RUN_TIME}; sleep {IDLE_SECONDS}; {RUN_TIME}").split()
+    busy.append((int(after) - int(before)) / IDLE_SECONDS / 1e7)
+on_board(STOP)
+
+print(f"  ready after {statistics.median(ready):.1f} ms (goal 8), resident {statistics.median(resident):.1f} MiB (goal 6), "
+      f"idle {statistics.median(busy):.2f} % of a core (goal 0.50)")
