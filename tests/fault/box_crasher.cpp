@@ -19,6 +19,7 @@
 #include <string>
 #include <thread>
 
+#include "base/owners.h"
 #include "fault/box.h"
 #include "log/file_public.h"
 #include "velto/kel_cfg.h"
@@ -48,20 +49,24 @@ size_t Count(const std::string& text, const char* part) {
   return count;
 }
 
+void Limit(int what, rlim_t bytes) {
+  const struct rlimit limit = {bytes, bytes};
+  (void)setrlimit(what, &limit);
+}
+int Made(const char* name) {
+  return open(File(name).c_str(), O_RDWR | O_CREAT, 0600);
+}
+volatile char* Page(int fd, int flags) {
+  return static_cast<volatile char*>(mmap(nullptr, 4096, PROT_READ, flags, fd, 0));
+}
+
 [[gnu::noinline]] void WriteToNull() {  // beside it: the sanitizers would not let null itself pass
   *reinterpret_cast<volatile int*>(static_cast<uintptr_t>(g_zero + 64)) = 1;
-}
-[[gnu::noinline]] void WriteToConstant() {
-  void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  *static_cast<volatile int*>(page) = 1;
 }
 [[gnu::noinline]] int UseUpStack(int depth) {
   volatile char frame[512] = {};
   frame[depth % 512] = 1;
   return depth < 0 ? 0 : UseUpStack(depth + 1) + frame[0];
-}
-void UseUpStack() {
-  (void)UseUpStack(g_zero);
 }
 void Divide() {
 #if defined(__arm__)
@@ -69,35 +74,6 @@ void Divide() {
 #else
   __asm__ volatile("idivl %2" : : "a"(1), "d"(0), "r"(0));
 #endif
-}
-void Trap() {
-  __builtin_trap();
-}
-void ReadBehindFile() {
-  const int fd = open(File("mapped").c_str(), O_RDWR | O_CREAT, 0600);
-  void* page = mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);  // the file has no byte
-  (void)*static_cast<volatile char*>(page);
-}
-void WritePastLimit() {
-  const struct rlimit limit = {0x100000, 0x100000};
-  (void)setrlimit(RLIMIT_FSIZE, &limit);
-  const int fd = open(File("long").c_str(), O_RDWR | O_CREAT, 0600);
-  (void)!pwrite(fd, "x", 1, 0x100000);
-}
-void UseUpCpu() {
-  (void)raise(SIGXCPU);
-}
-void MissHeartBeat() {
-  (void)raise(kBoxHeartTimeoutSignal);
-}
-void FaultOnFullDisk() {
-  const struct rlimit limit = {3000, 3000};
-  (void)setrlimit(RLIMIT_FSIZE, &limit);
-  WriteToNull();
-}
-void FaultTwice() {
-  g_secondFaults = true;
-  WriteToNull();
 }
 void FaultWithoutStack() {  // nothing can be read where the stack should be, so walking it faults again
 #if defined(__x86_64__)
@@ -108,9 +84,9 @@ void FaultWithoutStack() {  // nothing can be read where the stack should be, so
   __asm__ volatile("mov sp, #64\n udf #0");
 #endif
 }
-void FaultInHook() {
-  TOLA_RegBoxUserInfoRecordHook([](int, const char*) { WriteToNull(); });
-  abort();
+void FaultTwice() {
+  g_secondFaults = true;
+  WriteToNull();
 }
 
 /// Says in which seconds the memory map is written anew.
@@ -125,33 +101,49 @@ void CountRefreshes() {
 /// Says which signals commands find ignored, started in each way that there is.
 void StartCommands() {
   for (const int signal : {SIGUSR1, SIGUSR2, SIGPIPE}) (void)raise(signal);
-  (void)fflush(stdout);
   constexpr char kCommand[] = "grep SigIgn /proc/self/status";
   (void)!TOLA_System(kCommand);
   (void)!tola_excev("", 0, kCommand, nullptr);
-  FILE* pipe = popen(kCommand, "r");
+  const base::PipePtr pipe(popen(kCommand, "r"));
   char line[64] = {};
-  if (pipe != nullptr && fgets(line, sizeof(line), pipe) != nullptr) printf("%s", line);
-  if (pipe != nullptr) (void)pclose(pipe);
+  if (pipe && fgets(line, sizeof(line), pipe.get()) != nullptr) printf("%s", line);
 }
-
-void Nothing() {}
 
 struct End {
   const char* name;
   void (*run)();
-  bool crashes;
+  bool crashes = true;
 };
 constexpr End kEnds[] = {
-    {"null", WriteToNull, true},        {"constant", WriteToConstant, true},
-    {"stack", UseUpStack, true},        {"abort", abort, true},
-    {"divide", Divide, true},           {"trap", Trap, true},
-    {"bus", ReadBehindFile, true},      {"cpu", UseUpCpu, true},
-    {"limit", WritePastLimit, true},    {"heart", MissHeartBeat, true},
-    {"full", FaultOnFullDisk, true},    {"twice", FaultTwice, true},
-    {"lost", FaultWithoutStack, true},  {"hook", FaultInHook, true},
-    {"refresh", CountRefreshes, false}, {"commands", StartCommands, false},
-    {"none", Nothing, false},
+    {"null", WriteToNull},
+    {"constant", [] { *Page(-1, MAP_PRIVATE | MAP_ANONYMOUS) = 1; }},
+    {"stack", [] { (void)UseUpStack(g_zero); }},
+    {"abort", abort},
+    {"divide", Divide},
+    {"trap", [] { __builtin_trap(); }},
+    {"bus", [] { (void)*Page(Made("empty"), MAP_SHARED); }},
+    {"cpu", [] { (void)raise(SIGXCPU); }},
+    {"limit",
+     [] {
+       Limit(RLIMIT_FSIZE, 0x100000);
+       (void)!pwrite(Made("long"), "x", 1, 0x100000);
+     }},
+    {"heart", [] { (void)raise(kBoxHeartTimeoutSignal); }},
+    {"full",
+     [] {
+       Limit(RLIMIT_FSIZE, 3000);
+       WriteToNull();
+     }},
+    {"twice", FaultTwice},
+    {"lost", FaultWithoutStack},
+    {"hook",
+     [] {
+       TOLA_RegBoxUserInfoRecordHook([](int, const char*) { WriteToNull(); });
+       abort();
+     }},
+    {"refresh", CountRefreshes, false},
+    {"commands", StartCommands, false},
+    {"none", [] {}, false},
 };
 
 /// Signal 45 comes in here alone, so that the count is right.
