@@ -72,7 +72,7 @@ uint32_t CIpcManager::Build() {
   if (ret != 0) return ret;
   ret = registry_.Init({endpoint_.queueId, endpoint_.semapId, pid_});
   if (ret != 0) return ret;
-  // The semaphore stands before the hooks: a message may leave as soon as they are known.
+  // Registry first: a message may leave as soon as the hooks are known.
   MsgMgrRegAppIpcMsgFun(GetChannel, RegAppSendMsg, TolaFeatureAppModuleIDChangeNotify);
   NoteRegisteredModules();
   ret = StartTasks();
@@ -111,8 +111,12 @@ uint32_t CIpcManager::AppSendIpcMsg(const tagMsgBuf* msg, uint16_t sequence, boo
   const uint32_t ret = registry_.Find(msg->destination, &target, &toMain);
   if (ret == kIpcErrLocal) LOG_ERR(kLogModule, "DstModId:%d is in My process", msg->destination);
   if (ret != 0) return ret;
+  if (toMain) {
+    target = MainTarget();
+    target.pid = 0;  // not for the main process itself
+  }
   const IpcEnvelope envelope = {classes_.ClassOf(msg->type, urgent), pid_, sequence, urgent};
-  return IpcSendMessage(toMain ? MainTarget() : target, envelope, msg, IpcWait::kRetry);
+  return IpcSendMessage(target, envelope, msg, IpcWait::kRetry);
 }
 
 uint32_t CIpcManager::SendRebootMsg(uint32_t kind, uint32_t appId, const char* name, IpcWait wait) {

@@ -52,7 +52,8 @@ struct TOLA_APP_REG_INFO_S {
 
 /// Tells the main process of modules that came (operation 0) or went (1) here. Never blocks: what does not
 /// get through now is sent again until the main process's map shows it. Any thread.
-/// @retval 1 not initialised, unknown operation, or null @retval kIpcErrTableTake
+/// @retval 1 unknown operation, or null @retval kIpcErrTableTake, also before the manager is initialised
+/// @retval kIpcErrModule one of the ids has no place in the map
 [[nodiscard]] uint32_t TolaFeatureAppModuleIDChangeNotify(uint32_t operation, uint32_t count,
                                                           const uint16_t* ids);
 /// Announces the component `csi`, whose module id it is. Without effect, and 0, before the manager is

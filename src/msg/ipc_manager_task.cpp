@@ -59,6 +59,7 @@ void CIpcManager::OnReadEvent() {
 /// Reads until the queue is empty, at most kFramesAtOnce frames; gives their number.
 uint32_t CIpcManager::ReadQueue() {
   IPC_MSG_S frame;
+  frame.sourcePid = 0;  // a message that is too short for a head leaves it
   uint32_t frames = 0;
   for (; frames < kFramesAtOnce; ++frames) {
     size_t size = 0;
@@ -90,7 +91,7 @@ void CIpcManager::TakeFrame(const IPC_MSG_S& frame, size_t size, uint32_t sender
 void CIpcManager::Deliver(tagMsgBuf* msg, const IPC_MSG_S& frame) {
   if (msg->source == kIpcModule) {
     const uint32_t ret = HandleInner(msg, frame.sourcePid);
-    if (ret != 0) LOG_DBG(kLogModule, "Inter Msgtype:%#x Err:%#x", msg->type, ret);
+    if (ret != 0) LOG_ERR(kLogModule, "Inter Msgtype:%#x Err:%#x", msg->type, ret);
     TOLA_MsgFree(msg);
     return;
   }

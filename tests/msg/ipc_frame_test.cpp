@@ -19,17 +19,10 @@ using support::MsgPtr;
 
 constexpr uint32_t kSource = 1001;
 
-MsgPtr NewMsg(uint32_t length, uint32_t seed) {
-  MsgPtr msg(TOLA_MsgAlloc(7, 0x111, 3, length));
-  msg->destination = 42;
-  uint8_t* data = TolaMsgData(msg.get());
-  for (uint32_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(seed + i + (i >> 8) * 3);
-  return msg;
-}
+using support::Same;
 
-bool Same(const tagMsgBuf* one, const tagMsgBuf* other) {
-  return GetTolaMsgLen(one) == GetTolaMsgLen(other) &&
-         memcmp(one, other, GetTolaMsgLen(one) + kMsgHeadSize) == 0;
+MsgPtr NewMsg(uint32_t length, uint32_t seed) {
+  return support::NewMsg(42, length, seed);
 }
 
 std::deque<IPC_MSG_S> Cut(const tagMsgBuf* msg, uint32_t source, uint16_t sequence) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <map>
 #include <memory>
@@ -16,6 +17,22 @@ struct MsgFree {
   void operator()(tagMsgBuf* msg) const { TOLA_MsgFree(msg); }
 };
 using MsgPtr = std::unique_ptr<tagMsgBuf, MsgFree>;
+
+/// A message of a pattern that differs from frame to frame, and with `seed`.
+inline MsgPtr NewMsg(uint16_t destination, uint32_t length, uint32_t seed = 0) {
+  MsgPtr msg(TOLA_MsgAlloc(7, 0x111, 3, length));
+  if (msg == nullptr) abort();
+  msg->destination = destination;
+  uint8_t* data = TolaMsgData(msg.get());
+  for (uint32_t i = 0; i < length; ++i) data[i] = static_cast<uint8_t>(seed + i + (i >> 8) * 3);
+  return msg;
+}
+
+/// Header and data.
+inline bool Same(const tagMsgBuf* one, const tagMsgBuf* other) {
+  return GetTolaMsgLen(one) == GetTolaMsgLen(other) &&
+         memcmp(one, other, GetTolaMsgLen(one) + kMsgHeadSize) == 0;
+}
 
 /// Live allocations of a memory handle.
 inline uint64_t Live(const char* handleName) {
