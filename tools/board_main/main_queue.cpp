@@ -11,10 +11,10 @@
 
 #include "board_main/authorisation.h"
 #include "board_main/process_control.h"
-#include "frame/sys_res_get.h"
-#include "log/file_public.h"
+#include "board_main/requester_comp.h"
 #include "log/run_log.h"
 #include "msg/semap.h"
+#include "update/exe_script_proxy.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_task.h"
 
@@ -29,16 +29,16 @@ constexpr uint32_t kErrorWaitMs = 200;
 constexpr uint32_t kFramesARound = 1024;
 constexpr uint64_t kLookMs = 1000;
 constexpr uint64_t kNsPerMs = 1000000;
-
-/// Applications that the platform starts by a script of its own.
-struct StartScript {
-  const char* name;
-  const char* script;
-};
-constexpr StartScript kStartScripts[] = {{"update_active", "update_common.sh"}};
+constexpr char kUpdateProcess[] = "update_active";  ///< the platform has a script to start it
 
 uint64_t NowMs() {
   return KEL_ClockMonotonicNs() / kNsPerMs;
+}
+
+/// The requesters' own way to start the update process, which never starts a second one; it waits for
+/// seconds.
+void PullUpdateProcess(uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+  (void)CheckAndPullExeScriptProcess(kRequesterCompId);  // says in the log what came of it
 }
 
 /// Copies the fixed part of a message and the ids behind it. False when the length is not theirs.
@@ -139,7 +139,7 @@ uint32_t MainQueue::Round() {
   if (nowMs - lookedMs_ >= kLookMs) {
     lookedMs_ = nowMs;
     std::erase_if(children_, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) != 0; });
-    if (supervisor_.Step(nowMs)) TablesAreDue();
+    if (supervisor_.Step(nowMs)) RegistryChanged(nowMs);
   }
   router_.Retry(nowMs);
   SendTables();
@@ -203,7 +203,7 @@ void MainQueue::HandleOwn(uint32_t pid, uint16_t type, std::span<const uint8_t> 
       taken = HandleRegister(pid, data, nowMs);
       break;
     case kIpcModuleChange:
-      taken = HandleModuleChange(pid, data);
+      taken = HandleModuleChange(pid, data, nowMs);
       break;
     case kIpcHeartBeat:
       taken = HandleHeartBeat(pid, data, nowMs);
@@ -227,7 +227,7 @@ bool MainQueue::HandleRegister(uint32_t pid, std::span<const uint8_t> data, uint
   const RegisterResult result = TryRegister(pid, record, ids, nowMs);
   if (result == kRegistered) {
     LOG_EVT(kLogModule, "process %u registered as %s", pid, record.name);
-    TablesAreDue();
+    RegistryChanged(nowMs);
     return true;
   }
   IpcAcknowledgeMsg refusal = {};
@@ -254,7 +254,7 @@ RegisterResult MainQueue::TryRegister(uint32_t pid, const IpcRegisterMsg& record
   return result;
 }
 
-bool MainQueue::HandleModuleChange(uint32_t pid, std::span<const uint8_t> data) {
+bool MainQueue::HandleModuleChange(uint32_t pid, std::span<const uint8_t> data, uint64_t nowMs) {
   IpcModuleChangeMsg record;
   std::vector<uint16_t> ids;
   std::vector<uint16_t> refused;
@@ -264,7 +264,7 @@ bool MainQueue::HandleModuleChange(uint32_t pid, std::span<const uint8_t> data) 
     return false;
   }
   LogRefusedIds(pid, refused);
-  TablesAreDue();
+  RegistryChanged(nowMs);
   return true;
 }
 
@@ -284,13 +284,15 @@ bool MainQueue::HandleReboot(uint32_t pid, std::span<const uint8_t> data, uint64
   if (record.kind == kIpcRebootByName) app = registry_.FindByName(name);
   if (record.kind == kIpcRebootById) app = registry_.FindByAppId(record.appId);
   if (app == nullptr || !supervisor_.Restart(app->queue.pid, nowMs)) return false;
-  TablesAreDue();
+  RegistryChanged(nowMs);
   return true;
 }
 
-void MainQueue::TablesAreDue() {
+/// Everybody is to know, and frames that waited for a module go before those that come now.
+void MainQueue::RegistryChanged(uint64_t nowMs) {
   tableDue_.clear();
   for (const RegisteredApp& app : registry_.Apps()) tableDue_.insert(app.queue.pid);
+  router_.Retry(nowMs);
 }
 
 void MainQueue::SendTables() {
@@ -354,9 +356,9 @@ bool MainQueue::SendOfModule(uint32_t pid, const tagMsgBuf& head, const std::vec
 }
 
 bool MainQueue::StartApp(const std::string& name, const ProcessImage& image) {
-  for (const StartScript& row : kStartScripts) {
-    if (name != row.name) continue;
-    return TOLA_GetProcessPidByName(row.name) >= 1 || TOLA_SystemSudoWithoutParam(row.script) == 0;
+  if (name == kUpdateProcess) {
+    uint32_t task = 0;
+    return KEL_TaskCreate("STARTAPP", &task, PullUpdateProcess, kTaskPriority, 0, 0, nullptr) == 0;
   }
   const pid_t pid = StartProcess(image);
   if (pid > 0) children_.push_back(pid);
@@ -389,8 +391,9 @@ PlatformStatus MainQueue::Status() {
 bool MainQueue::RestartApp(const std::string& name) {
   const std::lock_guard lock(mutex_);
   const RegisteredApp* app = registry_.FindByName(name);
-  if (app == nullptr || !supervisor_.Restart(app->queue.pid, NowMs())) return false;
-  TablesAreDue();
+  const uint64_t nowMs = NowMs();
+  if (app == nullptr || !supervisor_.Restart(app->queue.pid, nowMs)) return false;
+  RegistryChanged(nowMs);
   return true;
 }
 

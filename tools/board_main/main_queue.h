@@ -54,11 +54,11 @@ class MainQueue {
   [[nodiscard]] bool HandleRegister(uint32_t pid, std::span<const uint8_t> data, uint64_t nowMs);
   [[nodiscard]] RegisterResult TryRegister(uint32_t pid, const IpcRegisterMsg& record,
                                            std::span<const uint16_t> ids, uint64_t nowMs);
-  [[nodiscard]] bool HandleModuleChange(uint32_t pid, std::span<const uint8_t> data);
+  [[nodiscard]] bool HandleModuleChange(uint32_t pid, std::span<const uint8_t> data, uint64_t nowMs);
   [[nodiscard]] bool HandleHeartBeat(uint32_t pid, std::span<const uint8_t> data, uint64_t nowMs);
   [[nodiscard]] bool HandleReboot(uint32_t pid, std::span<const uint8_t> data, uint64_t nowMs);
 
-  void TablesAreDue();
+  void RegistryChanged(uint64_t nowMs);
   void SendTables();
   [[nodiscard]] bool SendTable(uint32_t pid);
   [[nodiscard]] IPC_MSG_S MakeTable(const IpcAcknowledgeMsg& tables);
