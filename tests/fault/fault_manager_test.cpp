@@ -123,11 +123,6 @@ TEST(FaultThreshold, TakesOneToNinetyNinePercentAndANameOfThirtyBytes) {
   EXPECT_EQ(TOLA_CfgProcessMemThreshold(99, longest.c_str()), 0u);
 }
 
-TEST(FaultRegistration, RefusesModulesAndProcessesThatCannotBe) {
-  EXPECT_EQ(FeatureFaultMgrReg(1857, 1), kFaultErrRegister);
-  EXPECT_EQ(FeatureFaultMgrReg(kAgent, 0), kFaultErrRegister);
-}
-
 /// A process of its own with a budget of 1 MiB of which `kib` are taken; ends as its agent ends it, or with 0
 /// after the check.
 [[noreturn]] void RunWithMemoryInUse(uint32_t kib) {
