@@ -81,7 +81,7 @@ void FaultWithoutStack() {  // nothing can be read where the stack should be, so
 #elif defined(__i386__)
   __asm__ volatile("mov $64, %esp\n ud2");
 #else
-  __asm__ volatile("mov sp, #64\n udf #0");
+  __asm__ volatile("mov r0, #64\n mov sp, r0\n udf #0");
 #endif
 }
 void FaultTwice() {
