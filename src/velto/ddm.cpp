@@ -11,6 +11,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 
@@ -102,8 +103,9 @@ Holder Me(bool writes) {
   return {getpid(), static_cast<int32_t>(syscall(SYS_gettid)), writes};
 }
 
+/// Also of one that died before it had written its thread.
 bool IsGone(const Holder& holder) {
-  return syscall(SYS_tgkill, holder.process, holder.thread, 0) != 0 && errno == ESRCH;
+  return syscall(SYS_tgkill, holder.process, holder.thread, 0) != 0 && errno != EPERM;
 }
 
 /// Takes the lock if it is free for that. Call with the group's lock held, which is given back in between.
@@ -111,8 +113,10 @@ uint32_t TryTake(IpcLock& lock, bool writes) {
   if (!lock.used) return kDdmErrPara;
   Holder* free = nullptr;
   bool taken = false;
+  const bool full = std::ranges::none_of(lock.holders, [](const Holder& at) { return at.process == 0; });
   for (Holder& holder : lock.holders) {
-    if (holder.process != 0 && (writes || holder.writes != 0) && IsGone(holder)) holder = {};
+    // To ask costs a system call: only after who is in the way.
+    if (holder.process != 0 && (full || writes || holder.writes != 0) && IsGone(holder)) holder = {};
     if (holder.process == 0) {
       if (free == nullptr) free = &holder;
     } else if (writes || holder.writes != 0) {

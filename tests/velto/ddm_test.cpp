@@ -104,6 +104,16 @@ TEST(Ddm, WhatADeadHolderHadIsTakenOverAndShownAsSuch) {
   EXPECT_EQ(DDM_IpcRwLockWUnlock(lock), 0u);
 }
 
+TEST(Ddm, ReadersThatDiedLeaveRoomForOthers) {
+  const uint32_t lock = NewLock(2, "crowded");
+  uint32_t readers = 0;
+  for (; readers < 100; ++readers) {
+    Holder reader(DDM_IpcRwLockRLock, lock);
+    if (HasFailure()) break;
+  }
+  EXPECT_EQ(readers, 100u);
+}
+
 TEST(Ddm, WrongArgumentsAreRefusedAndATimeOutIsTheRuntimesOwn) {
   uint32_t lock = 0;
   EXPECT_EQ(DDM_IpcRwLockCreate(kDdmGroupCount, "x", &lock), kDdmErrPara);
