@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include "velto/kel_cfg_table.h"
@@ -105,7 +106,7 @@ bool HandleIsKnown(uint32_t handle) {
 
 int64_t Drifts() {
   int64_t sum = 0;
-  for (const MemCache& cache : gMemCaches) sum += cache.drift.load(std::memory_order_relaxed);
+  for (const MemCache& cache : gMemCaches) sum += cache.drift.load(std::memory_order_acquire);
   return sum;
 }
 
@@ -130,10 +131,13 @@ bool Charge(MemCache* cache, uint32_t size) {
     return true;
   }
   if (cache != nullptr) MemReport(*cache);
-  const int64_t used = gReported.fetch_add(size) + size;
-  if (used + kNearBudget <= budget || used + Drifts() <= budget) return true;
-  gReported.fetch_sub(size);
-  return false;
+  // Charged only when it fits: a request that is refused is never seen by another thread. A drift that moves
+  // into the sum meanwhile makes the exchange fail.
+  int64_t used = gReported.load();
+  do {
+    if (used + size + kNearBudget > budget && used + size + Drifts() > budget) return false;
+  } while (!gReported.compare_exchange_weak(used, used + size));
+  return true;
 }
 
 [[noreturn]] void Die(const void* memory, const char* what, const char* file, uint32_t line) {
@@ -155,7 +159,7 @@ inline void Fill(Header* header, uint32_t handle, uint32_t size, const char* fil
   header->tag.store(
       (handle << kMemHandleShift) | (tag & (kMemUsesMask << kMemClassShift)) | ((tag + 1) & kMemUsesMask),
       kRelaxed);
-  header->file.store(file, kRelaxed);
+  header->file.store(file, std::memory_order_release);  // after the tag: see Visit
   header->size.store(size, kRelaxed);
   header->line.store(line, kRelaxed);
   header->state.store(MemState(kMemLive, header), std::memory_order_release);
@@ -197,7 +201,9 @@ void Visit(const Header* header, uintptr_t arg) {
   const uint32_t handle = tag >> kMemHandleShift;
   const KelMemLive live{HandleIsKnown(handle) ? gHandleNames[handle - 1] : "?", header->size.load(kAcquire),
                         header->file.load(kAcquire), header->line.load(kAcquire)};
-  if (header->tag.load() == tag) visitor->visit(&live, visitor->arg);  // else it changed hands meanwhile
+  // Else it was given back meanwhile, and its file may not have been a name, or it changed hands.
+  if (header->state.load(kAcquire) == MemState(kMemLive, header) && header->tag.load(kAcquire) == tag)
+    visitor->visit(&live, visitor->arg);
 }
 
 }  // namespace
@@ -278,7 +284,8 @@ uint32_t KEL_MemGetTotalSize(void) {
 
 uint32_t KEL_MemGetFreeSize(void) {
   const auto budget = static_cast<int64_t>(velto::CfgNumber(velto::kCfgMemBudgetBytes));
-  const int64_t used = velto::gReported.load() + velto::Drifts();
+  // Below zero while a drift is on its way into the sum.
+  const int64_t used = std::max<int64_t>(velto::gReported.load() + velto::Drifts(), 0);
   return used < budget ? static_cast<uint32_t>(budget - used) : 0;
 }
 

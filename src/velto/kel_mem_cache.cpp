@@ -84,8 +84,9 @@ void GiveBatch(uint32_t memClass, MemList batch) {
   if (batch.first == nullptr) return;
   const std::lock_guard lock(gLock);
   Stock& stock = gStocks[memClass];
-  batch.first->size.store(batch.count, std::memory_order_relaxed);
-  batch.first->file.store(reinterpret_cast<const char*>(stock.batches), std::memory_order_relaxed);
+  // After the state: a walk that reads one of them as a live block's sees that it is none any more.
+  batch.first->size.store(batch.count, std::memory_order_release);
+  batch.first->file.store(reinterpret_cast<const char*>(stock.batches), std::memory_order_release);
   stock.batches = batch.first;
 }
 

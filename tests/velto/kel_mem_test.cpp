@@ -111,6 +111,27 @@ TEST(KelMem, WhatOtherThreadsHoldCountsToTheLastByte) {
   ASSERT_EQ(KEL_CfgdbInitByFsldr(dir.Write("defaults", "").c_str()), 0u);
 }
 
+TEST(KelMem, ARequestThatIsRefusedTakesNothingFromOtherThreads) {
+  const uint32_t handle = Handle("mem_refused");
+  std::atomic<bool> done{false};
+  std::thread greedy([&] {
+    while (!done) EXPECT_EQ(KEL_MEM_ALLOC(handle, 0xFFFFFFFF), nullptr);
+  });
+  for (int i = 0; i < 200000 && !HasFailure(); ++i) {
+    void* small = KEL_MEM_ALLOC(handle, 8);
+    EXPECT_NE(small, nullptr) << "there was room, after " << i;
+    KEL_MEM_FREE(small);
+  }
+  done = true;
+  greedy.join();
+}
+
+/// A visitor while others work: what it is given belongs together.
+void ExpectOwnPlace(const KelMemLive* live, uintptr_t) {
+  if (strcmp(live->handle, "mem_threads") != 0) return;
+  EXPECT_EQ(strncmp(live->file, __FILE__, sizeof(__FILE__)), 0) << "a place that nobody named";
+}
+
 /// More threads than may keep blocks of their own swap blocks through common places: who takes one out finds
 /// what was written when it was put in, whichever thread that was, and frees it.
 TEST(KelMem, BlocksThatChangeThreadsStayWholeAndCountToZero) {
@@ -137,7 +158,7 @@ TEST(KelMem, BlocksThatChangeThreadsStayWholeAndCountToZero) {
         ASSERT_NE(block, nullptr);
         std::fill_n(block, words, words);
         giveBack(places[Below(random, 64)].exchange(block));
-        if (step % 100 == 0) (void)Use(handle);  // walks while others work
+        if (step % 100 == 0) KEL_MemLiveWalk(ExpectOwnPlace, handle);
       }
     });
   }
