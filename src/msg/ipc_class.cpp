@@ -40,6 +40,7 @@ uint32_t IpcClassTable::Init(uint32_t memHandle) {
 
 long IpcClassTable::ClassOf(uint16_t type, bool urgent) const {
   if (urgent) return kIpcClassUrgent;
-  const void* node = table_.GetOneAppointNode(&type, IsType, &type);
+  const void* node =
+      table_.GetOneAppointNode(&type, IsType, &type, HashOf);  // by name: it becomes part of this
   return node != nullptr ? static_cast<const ClassNode*>(node)->priorityClass : kIpcClassDefault;
 }

@@ -263,9 +263,12 @@ uint32_t MsgPost(uint16_t destination, tagMsgBuf* msg, bool urgent, bool* taken)
   }
   if (destination >= g_maxModule.load(std::memory_order_relaxed)) return kMsgErrModuleId;
 
-  MsgModuleBlock block = ReadBlock(blocks[destination]);
-  const uint32_t ret = urgent ? highPri->GetBlock(destination, &block) : kSuccess;
-  if (ret != 0) return ret;
+  MsgModuleBlock block{};
+  if (!urgent) {
+    block = ReadBlock(blocks[destination]);
+  } else if (const uint32_t ret = highPri->GetBlock(destination, &block); ret != 0) {
+    return ret;
+  }
   if (block.queueId != 0) return Enqueue(block, destination, msg, urgent, taken);
   return SendByIpc(msg, 0xFFFF, urgent, kSuccess, taken);  // kept: 0 without hooks, though nobody took it
 }
