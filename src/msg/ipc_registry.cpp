@@ -1,5 +1,8 @@
 #include "msg/ipc_registry.h"
 
+#include <errno.h>
+#include <signal.h>
+
 #include <algorithm>
 
 #include "base/result_codes.h"
@@ -70,9 +73,10 @@ const APP_QUEUE_INFO_S* IpcRegistry::HolderBefore(uint32_t place) const {
   const APP_QUEUE_INFO_S& app = before_.apps[index];
   const auto isApp = [&app](const APP_QUEUE_INFO_S& each) { return each.pid == app.pid; };
   const bool isBack = std::any_of(std::begin(table_.apps), std::end(table_.apps), isApp);
+  if (app.pid == 0 || (kill(static_cast<pid_t>(app.pid), 0) != 0 && errno == ESRCH)) return nullptr;
   IpcQueueState state = {};
-  const bool reads = app.pid != 0 && IpcQueueStateGet(static_cast<int32_t>(app.queueId), &state) == 0 &&
-                     state.reader == app.pid;
+  const bool reads =
+      IpcQueueStateGet(static_cast<int32_t>(app.queueId), &state) == 0 && state.reader == app.pid;
   return reads && !isBack ? &app : nullptr;
 }
 
@@ -121,6 +125,25 @@ bool IpcRegistry::IsAbout(const IpcAcknowledgeMsg& acknowledge) const {
   return own.pid == app_.pid && own.queueId == static_cast<uint32_t>(app_.queueId);
 }
 
+/// Keeps what is known now, for the time in which a new main process learns it. One that was replaced before
+/// it had learned everything leaves a table with gaps: what came before it fills them.
+void IpcRegistry::KeepBefore() {
+  IpcAcknowledgeMsg merged = table_;
+  for (uint32_t place = 0; place < kIpcMapSize; ++place) {
+    const APP_QUEUE_INFO_S* app = merged.map[place] >= kIpcAppMax ? HolderBefore(place) : nullptr;
+    if (app == nullptr) continue;
+    const auto isOfApp = [app](const APP_QUEUE_INFO_S& each) { return each.pid == app->pid; };
+    const auto isFree = [](const APP_QUEUE_INFO_S& each) { return each.pid == 0; };
+    auto* slot = std::find_if(std::begin(merged.apps), std::end(merged.apps), isOfApp);
+    if (slot == std::end(merged.apps)) slot = std::find_if(std::begin(merged.apps), slot, isFree);
+    if (slot == std::end(merged.apps)) continue;
+    *slot = *app;
+    merged.map[place] = static_cast<uint8_t>(slot - std::begin(merged.apps));
+  }
+  before_ = merged;
+  beforeUntilNs_ = KEL_ClockMonotonicNs() + kBeforeNs;
+}
+
 uint32_t IpcRegistry::TakeAcknowledge(const IpcAcknowledgeMsg& acknowledge) {
   if (!IsAbout(acknowledge)) {
     ForgetMain();
@@ -128,10 +151,7 @@ uint32_t IpcRegistry::TakeAcknowledge(const IpcAcknowledgeMsg& acknowledge) {
   }
   const TableGuard guard(sema_);
   if (!guard) return kIpcErrTableTake;
-  if (known_ && table_.mainPid != acknowledge.mainPid) {
-    before_ = table_;
-    beforeUntilNs_ = KEL_ClockMonotonicNs() + kBeforeNs;
-  }
+  if (known_ && table_.mainPid != acknowledge.mainPid) KeepBefore();
   table_ = acknowledge;
   known_ = true;
   mainPid_.store(acknowledge.mainPid, std::memory_order_relaxed);

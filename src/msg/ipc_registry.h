@@ -56,6 +56,7 @@ class IpcRegistry {
  private:
   [[nodiscard]] bool IsAbout(const IpcAcknowledgeMsg& acknowledge) const;
   [[nodiscard]] const APP_QUEUE_INFO_S* HolderBefore(uint32_t place) const;
+  void KeepBefore();
 
   uint32_t sema_ = 0;
   IpcTarget app_ = {};
@@ -63,7 +64,7 @@ class IpcRegistry {
   std::bitset<kIpcMapSize> local_;
   bool known_ = false;  ///< `table_` is from the main process
   IpcAcknowledgeMsg table_ = {};
-  /// What the main process before this one told last: a new one does not know everybody at once, and until
+  /// What the main processes before this one told last: a new one does not know everybody at once, and until
   /// it does, messages keep the road that they had.
   IpcAcknowledgeMsg before_ = {};
   uint64_t beforeUntilNs_ = 0;
