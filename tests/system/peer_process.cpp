@@ -164,12 +164,15 @@ void Exchange::ObeyFiles() const {
 }
 
 void Exchange::Report() const {
-  const std::unique_ptr<FILE, decltype(&fclose)> file(
-      fopen((std::string("/log/") + kName + ".result").c_str(), "w"), fclose);
-  if (file == nullptr) return;
-  (void)fprintf(file.get(), "%s sent %u answered %u received %u of %u wrong %u twice %u\n",
-                isDone_ && received_ >= expected_ ? "done" : "runs", sent_, answered_, received_, expected_,
-                wrong_, twice_);
+  const std::string path = std::string("/log/") + kName + ".result";
+  {
+    const std::unique_ptr<FILE, decltype(&fclose)> file(fopen((path + ".new").c_str(), "w"), fclose);
+    if (file == nullptr) return;
+    (void)fprintf(file.get(), "%s sent %u answered %u received %u of %u wrong %u twice %u\n",
+                  isDone_ && received_ >= expected_ ? "done" : "runs", sent_, answered_, received_, expected_,
+                  wrong_, twice_);
+  }
+  (void)rename((path + ".new").c_str(), path.c_str());  // whoever reads it reads a whole line
 }
 
 void Exchange::Run() {
