@@ -180,27 +180,22 @@ class DmsTest : public testing::Test {
   uint32_t handle_ = 0;
 };
 
-sockaddr_un AddressOf(const std::string& file) {
+UniqueFd RawSocket(const std::string& file, decltype(&connect) join) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   EXPECT_LT(file.size(), sizeof(address.sun_path));
   memcpy(address.sun_path, file.c_str(), std::min(file.size() + 1, sizeof(address.sun_path)));
-  return address;
-}
-
-UniqueFd RawConnect(const std::string& file) {
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = AddressOf(file);
-  EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
-      << strerror(errno);
+  EXPECT_EQ(join(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << file;
   return fd;
 }
 
+UniqueFd RawConnect(const std::string& file) {
+  return RawSocket(file, connect);
+}
+
 UniqueFd RawListen(const std::string& file) {
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const sockaddr_un address = AddressOf(file);
-  EXPECT_EQ(bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0)
-      << strerror(errno);
+  UniqueFd fd = RawSocket(file, bind);
   EXPECT_EQ(listen(fd.get(), 8), 0);
   return fd;
 }
@@ -316,25 +311,22 @@ TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {
   wrongMagic.magic ^= 1;
   late.offset = 1;
   priority.priority = 256;
-  struct {
-    const char* what;
-    WireHead head;
-    size_t dataSize;
-  } const cases[] = {{"wrong magic", wrongMagic, 1},
-                     {"begins in the middle", late, 1},
-                     {"no such priority", priority, 1},
-                     {"more data than total", HeadFor(1), 2},
-                     {"less data than total", HeadFor(2), 1},
-                     {"a short packet in front", HeadFor(kWireDataMax + 1), 10},
-                     {"an overlong packet", HeadFor(kMessageMax), kWireDataMax + 1}};
-  for (const auto& c : cases) {
+  const std::tuple<const char*, WireHead, size_t> cases[] = {
+      {"wrong magic", wrongMagic, 1},
+      {"begins in the middle", late, 1},
+      {"no such priority", priority, 1},
+      {"more data than total", HeadFor(1), 2},
+      {"less data than total", HeadFor(2), 1},
+      {"a short packet in front", HeadFor(kWireDataMax + 1), 10},
+      {"an overlong packet", HeadFor(kMessageMax), kWireDataMax + 1}};
+  for (const auto& [what, head, dataSize] : cases) {
     const UniqueFd raw = RawConnect(runtime_.SocketFile(207));
-    RawSend(raw.get(), c.head, c.dataSize);
-    WireHead rest = c.head;  // with it a receiver that let the first packet pass would answer
-    rest.offset = static_cast<uint32_t>(c.dataSize);
+    RawSend(raw.get(), head, dataSize);
+    WireHead rest = head;  // with it a receiver that let the first packet pass would answer
+    rest.offset = static_cast<uint32_t>(dataSize);
     if (rest.offset < rest.total) RawSend(raw.get(), rest, std::min(kWireDataMax, rest.total - rest.offset));
-    EXPECT_TRUE(IsClosedByPeer(raw.get())) << c.what;
-    ExpectServed(c.what);
+    EXPECT_TRUE(IsClosedByPeer(raw.get())) << what;
+    ExpectServed(what);
   }
   const UniqueFd mixed = RawConnect(runtime_.SocketFile(207));
   WireHead head = HeadFor(kWireDataMax + 1);

@@ -14,6 +14,7 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -62,10 +63,7 @@ TEST_F(KelCfgTest, GivenKeysReplaceTheirDefaultsAndTheOthersKeepThem) {
 }
 
 TEST_F(KelCfgTest, AWrongLineIsNamedWithItsReasonAndChangesNothing) {
-  const struct {
-    std::string line;
-    const char* reason;
-  } rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
       {"dms.answer_ms", "key=value"},
       {"DMS.DIR=/a", "unknown key \"DMS.DIR\""},
       {"dms.answer_ms=", "100 to 60000"},
@@ -86,16 +84,15 @@ TEST_F(KelCfgTest, AWrongLineIsNamedWithItsReasonAndChangesNothing) {
       {"dms.message_bytes=2048", "given in line 2 already"},
   };
   const auto defaults = AllValues();
-  for (const auto& row : rows) {
+  for (const auto& [line, reason] : rows) {
+    SCOPED_TRACE(line);
     testing::internal::CaptureStdout();
-    const uint32_t result =
-        Load("# first\ndms.message_bytes=1024\n" + row.line + "\nmem.budget_bytes=65536\n");
+    EXPECT_EQ(Load("# first\ndms.message_bytes=1024\n" + line + "\nmem.budget_bytes=65536\n"),
+              kKelErrCfgValue);
     const std::string printed = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(result, kKelErrCfgValue) << row.line;
-    EXPECT_THAT(printed, StartsWith(dir_.File("cfg") + ":3: ")) << row.line;
-    EXPECT_THAT(printed, HasSubstr(row.reason)) << row.line;
+    EXPECT_THAT(printed, AllOf(StartsWith(dir_.File("cfg") + ":3: "), HasSubstr(reason)));
     EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
-    EXPECT_EQ(AllValues(), defaults) << "a refused file changed values: " << row.line;
+    EXPECT_EQ(AllValues(), defaults) << "a refused file changed values";
   }
 }
 

@@ -1,6 +1,5 @@
 #include "velto/kel_shm.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -153,13 +152,10 @@ TEST_F(KelShmTest, AProcessThatComesLaterJoinsByNameAndSeesTheSameAddresses) {
 }
 
 TEST_F(KelShmTest, ANameThatOthersMayOpenIsNotJoined) {
-  const std::string path = std::string("/velto.") + name_.name;
-  const int file = shm_open(path.c_str(), O_RDWR | O_CREAT, 0600);
-  ASSERT_GE(file, 0);
-  EXPECT_EQ(fchmod(file, 0666), 0);
+  ASSERT_EQ(Create(kKelShmNamed), 0u);
+  const std::string path = std::string("/dev/shm/velto.") + name_.name;
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
   EXPECT_EQ(Create(kKelShmNamed), kKelErrShmForeign);
-  EXPECT_EQ(close(file), 0);
-  EXPECT_EQ(shm_unlink(path.c_str()), 0);
 }
 
 TEST_F(KelShmTest, WrongArgumentsAreRefused) {
@@ -182,20 +178,20 @@ TEST_F(KelShmTest, WrongArgumentsAreRefused) {
   EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, 0xFFFFFFFF), nullptr);
   auto* block = static_cast<uint8_t*>(KEL_ShmStruKvMemPtAlloc(0, 64));
   ASSERT_NE(block, nullptr);
-  EXPECT_EQ(KEL_ShmStruKvMemPtFree(block + 16), kKelErrShmBlock);
-  EXPECT_EQ(KEL_ShmStruKvMemPtFree(block + 1), kKelErrShmBlock);
-  EXPECT_EQ(KEL_ShmStruKvMemPtFree(&number_), kKelErrShmBlock);
+  for (void* none : {static_cast<void*>(block + 16), static_cast<void*>(block + 1), static_cast<void*>(this)})
+    EXPECT_EQ(KEL_ShmStruKvMemPtFree(none), kKelErrShmBlock);
   EXPECT_EQ(KEL_ShmStruKvMemEntrySet("n", block, 65), kKelErrShmBlock) << "more than the block has";
   EXPECT_EQ(KEL_ShmStruKvMemEntrySet("", block, 64), kKelErrShmPara);
-  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(24, 'n').c_str(), block, 64), kKelErrShmPara);
-  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(23, 'n').c_str(), block, 64), 0u);
-  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(std::string(23, 'n').c_str(), block, 64), kKelErrShmName)
-      << "entered twice";
-  EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(std::string(23, 'n').c_str(), block + 16), kKelErrShmName);
+  const std::string tooLong(24, 'n');
+  const char* longest = tooLong.c_str() + 1;
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(tooLong.c_str(), block, 64), kKelErrShmPara);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(longest, block, 64), 0u);
+  EXPECT_EQ(KEL_ShmStruKvMemEntrySet(longest, block, 64), kKelErrShmName) << "entered twice";
+  EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(longest, block + 16), kKelErrShmName);
 }
 
 TEST(ShmPartition, ADeathWithTheLockLeavesAPartitionThatRefusesButNeverBlocks) {
-  const size_t size = velto::ShmPartition::SizeOf(kSize, kEntries);
+  const auto size = static_cast<size_t>(velto::ShmPartition::SizeOf(kSize, kEntries));
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(memory, MAP_FAILED);
   auto* partition = static_cast<velto::ShmPartition*>(memory);

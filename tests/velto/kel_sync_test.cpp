@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -100,26 +98,6 @@ TEST_F(KelRwLockTest, AWaitingWriterGoesBeforeNewReadersAndLetsThemInWhenItGives
   writer.Join();
   reader.Join();  // hangs when the writer that gave up leaves its reader asleep
   EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
-}
-
-TEST_F(KelRwLockTest, TheLastReaderWakesTheWriterAndTheWriterTheReaders) {
-  ASSERT_EQ(KEL_RWLockRLock(lock_, 0), 0u);
-  std::atomic<bool> mayLeave{false};
-  TestTask writer("writer", [&] {
-    EXPECT_EQ(KEL_RWLockWLock(lock_, KEL_WAIT_FOREVER), 0u);
-    while (!mayLeave) std::this_thread::yield();
-    EXPECT_EQ(KEL_RWLockWUnlock(lock_), 0u);
-  });
-  EXPECT_TRUE(FallsAsleep(writer.id()));
-  TestTask reader("reader", [&] {
-    EXPECT_EQ(KEL_RWLockRLock(lock_, KEL_WAIT_FOREVER), 0u);
-    EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
-  });
-  EXPECT_TRUE(FallsAsleep(reader.id()));
-  EXPECT_EQ(KEL_RWLockRUnlock(lock_), 0u);
-  mayLeave = true;
-  writer.Join();  // either hangs when nobody woke it
-  reader.Join();
 }
 
 TEST_F(KelRwLockTest, WritersAndReadersKeepTheirRecordWholeAndNobodyIsLeftAsleep) {

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "velto/kel_support.h"
-#include "velto/kel_sync.h"
 
 namespace {
 
@@ -21,8 +20,6 @@ std::string NameOf(uint32_t taskId) {
 }
 
 TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
-  uint32_t gate = 0;
-  ASSERT_EQ(KEL_SemaCreate("gate", 0, 0, &gate), 0u);
   std::atomic<int32_t> threadId{0};
   std::atomic<uint32_t> ownId{0};
   const std::string longest(kKelTaskNameSize - 1, 'n');
@@ -31,7 +28,7 @@ TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
     EXPECT_EQ(KEL_TaskCurrentIdGet(&id), 0u);
     ownId = id;
     threadId = static_cast<int32_t>(gettid());
-    EXPECT_EQ(KEL_SemaP(gate, KEL_WAIT_FOREVER), 0u);
+    EXPECT_EQ(KEL_EventRead(1, &id, kKelEventAny, KEL_WAIT_FOREVER), 0u);
   });
   ASSERT_EQ(task.created(), 0u);
   const uint32_t id = task.id();
@@ -44,7 +41,7 @@ TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
   EXPECT_EQ(KEL_TaskThreadIdGet(id, &found), 0u);
   EXPECT_EQ(KEL_TaskWait(id, 0), kKelErrTimeout);
 
-  ASSERT_EQ(KEL_SemaV(gate), 0u);
+  ASSERT_EQ(KEL_EventWrite(id, 1), 0u);
   task.Join();
   EXPECT_EQ(found, threadId);
   EXPECT_EQ(ownId, id);
@@ -52,27 +49,25 @@ TEST(KelTask, ATaskIsFoundByItsIdFromCreationToItsEndAndNotAfterwards) {
   EXPECT_EQ(KEL_TaskThreadIdGet(id, &found), kKelErrTaskId);
   EXPECT_EQ(KEL_EventWrite(id, 1), kKelErrTaskId) << "an event for an ended task was taken";
   EXPECT_EQ(KEL_TaskWait(id, 0), kKelErrTaskId);
-  EXPECT_EQ(KEL_SemaDelete(gate), 0u);
 }
 
 TEST(KelTask, TheTableFillsAndEmptiesAgain) {
-  uint32_t gate = 0;
-  ASSERT_EQ(KEL_SemaCreate("gate", 0, 0, &gate), 0u);
-  const uintptr_t args[4] = {gate, 0, 0, 0};
-  const auto entry = [](uintptr_t sema, uintptr_t, uintptr_t, uintptr_t) {
-    EXPECT_EQ(KEL_SemaP(static_cast<uint32_t>(sema), KEL_WAIT_FOREVER), 0u);
+  const auto entry = [](uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
+    uint32_t received = 0;
+    EXPECT_EQ(KEL_EventRead(1, &received, kKelEventAny, KEL_WAIT_FOREVER), 0u);
   };
   for (int round = 0; round < 2; ++round) {
     std::vector<uint32_t> ids;
     uint32_t id = 0;
     uint32_t result = 0;
-    while ((result = KEL_TaskCreate("crowd", &id, entry, 1, 65536, 0, args)) == 0) ids.push_back(id);
+    while ((result = KEL_TaskCreate("crowd", &id, entry, 1, 65536, 0, nullptr)) == 0) ids.push_back(id);
     EXPECT_EQ(result, kKelErrTaskFull);
     EXPECT_GT(ids.size(), kKelTaskMax - 8) << "slots of ended tasks were not used again, round " << round;
-    for (size_t i = 0; i < ids.size(); ++i) EXPECT_EQ(KEL_SemaV(gate), 0u);
-    for (const uint32_t ended : ids) EXPECT_EQ(KEL_TaskWait(ended, KEL_WAIT_FOREVER), 0u);
+    for (const uint32_t ended : ids) {
+      EXPECT_EQ(KEL_EventWrite(ended, 1), 0u);
+      EXPECT_EQ(KEL_TaskWait(ended, KEL_WAIT_FOREVER), 0u);
+    }
   }
-  EXPECT_EQ(KEL_SemaDelete(gate), 0u);
 }
 
 TEST(KelTask, AnAdoptedThreadKeepsItsIdAndGivesItBackWithItsEnd) {

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -121,9 +120,7 @@ TEST_F(KelTimerTest, InAFullTableATimerMayGiveItsPlaceToAnotherFromItsOwnCallbac
 
 // One wake may serve several moves of the time, so the time is moved until the hook was asked twice.
 TEST_F(KelTimerTest, WakesAskTheTickHookAndAddWhatItSays) {
-  uint32_t high = 0;
-  uint32_t before = 0;
-  uint32_t after = 0;
+  uint32_t high = 0, before = 0, after = 0;
   ASSERT_EQ(KEL_UserTickGet(&high, &before), 0u);
   __atomic_store_n(
       &g_pfnUsrAdjustHook, +[]() -> uint32_t { return 7; }, __ATOMIC_RELEASE);
