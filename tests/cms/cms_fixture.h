@@ -86,27 +86,22 @@ class CmsTest : public testing::Test {
     SetText(request.extraCert, input.extra);
     return request;
   }
-  uint32_t Verify(const Input& input) { return Verify(Request(input)); }
-  uint32_t Verify(const SIGNATURE_VERIFY_BLOCK_S& request) {
-    g_lines.clear();
-    return SignatureVerify(request);
-  }
+  uint32_t Verify(const Input& input) { return Check(input).result; }
 
   template <size_t kSize>
   static void SetText(char (&field)[kSize], const std::string& value) {
     ASSERT_EQ(strcpy_s(field, kSize, value.c_str()), EOK) << value;
   }
 
-  template <class T>
-  Verdict Check(const T& inputOrRequest) {
-    const uint32_t result = Verify(inputOrRequest);
+  Verdict Check(const Input& input) { return Check(Request(input)); }
+  static Verdict Check(const SIGNATURE_VERIFY_BLOCK_S& request) {
+    g_lines.clear();
+    const uint32_t result = SignatureVerify(request);
     constexpr std::string_view kMarker = "verify signature error ";
     uint32_t code = 0;
-    for (const std::string& line : g_lines) {
-      const size_t at = line.find(kMarker);
-      if (at != line.npos)
-        code = static_cast<uint32_t>(strtoul(line.c_str() + at + kMarker.size(), nullptr, 16));
-    }
+    const std::string lines = Log();
+    if (const size_t at = lines.rfind(kMarker); at != lines.npos)
+      code = static_cast<uint32_t>(strtoul(&lines[at + kMarker.size()], nullptr, 16));
     return {result, code};
   }
   [[nodiscard]] static std::string Log() {
