@@ -22,9 +22,13 @@ struct alignas(max_align_t) MemHeader {
   std::atomic<const char*> file;
   std::atomic<uint32_t> size;
   std::atomic<uint32_t> line;
-  std::atomic<uint32_t> tag;    ///< handle, size class and a counter of uses: see below
+  std::atomic<uint32_t> tag;  ///< handle, size class and a counter of uses: see below
+#if defined(__i386__)
+  uint32_t filler[2];  ///< memory is aligned to 16 there
+#endif
   std::atomic<uint32_t> state;  ///< stands right before the memory: an underrun breaks it first
 };
+static_assert(offsetof(MemHeader, state) + sizeof(uint32_t) == sizeof(MemHeader));
 
 /// The tag's parts. The counter moves on before a reused header changes: a walk that reads it twice knows
 /// whether what it read in between belongs together.
