@@ -67,6 +67,11 @@ class Road {
     receiver_ = Start(receiver);
     sender_ = Start(sender);
   }
+  ~Road() {
+    for (const Process& process : {receiver_, sender_}) kill(process.id, SIGKILL);
+  }
+  Road(const Road&) = delete;
+  Road& operator=(const Road&) = delete;
 
   double Run(const Round& round) {
     WriteAll(receiver_.to, &round, sizeof(round));
@@ -84,13 +89,15 @@ class Road {
   struct Process {
     int to;
     int from;
+    pid_t id;
   };
 
   static Process Start(const std::function<std::function<void(const Round&)>()>& prepare) {
     int to[2];
     int from[2];
     Check(pipe2(to, O_CLOEXEC) == 0 && pipe2(from, O_CLOEXEC) == 0, "pipe");
-    if (fork() == 0) {
+    const pid_t id = fork();
+    if (id == 0) {
       close(to[1]);
       close(from[0]);
       const auto step = prepare();
@@ -106,7 +113,7 @@ class Road {
     close(from[1]);
     char ready = 0;
     Check(ReadAll(from[0], &ready, 1), "start");
-    return {to[1], from[0]};
+    return {to[1], from[0], id};
   }
 
   const char* name_;
