@@ -36,15 +36,49 @@ constexpr uint32_t kEventAuth = 2;
 /// What the component's task leaves for the requesting one before it wakes it; a slot a task id, since
 /// several tasks of a process may wait.
 struct Slot {
-  std::atomic<uint16_t> result;
-  std::atomic<uint16_t> authSeqNo;
+  uint16_t awaited;  ///< sequence number of the task's request; 0: it waits for none
+  uint16_t result;
+  uint16_t authSeqNo;
 };
 std::array<Slot, kKelTaskMax + 1> g_slots;
+std::mutex g_slotMutex;  ///< guards them; also held from a slot's filling until its task's event is written
 
 /// Ids that no task can have share the slot 0, which nobody reads.
 Slot& SlotOf(uint32_t taskId) {
   return g_slots[taskId < g_slots.size() ? taskId : 0];
 }
+
+Slot SlotNow(uint32_t taskId) {
+  const std::lock_guard lock(g_slotMutex);
+  return SlotOf(taskId);
+}
+
+/// Whether the message `seqNo` is for an earlier request, given up since: task ids are used again.
+bool IsLate(const Slot& slot, uint16_t seqNo) {
+  if (slot.awaited == 0 || slot.awaited == seqNo) return false;
+  LOG_ERR(kModule, "late seq:%u, awaited:%u", seqNo, slot.awaited);
+  return true;
+}
+
+/// From its beginning to its end the calling task waits for the request `seqNo`.
+class Awaiting {
+ public:
+  Awaiting(uint32_t taskId, uint16_t seqNo) : taskId_(taskId) {
+    const std::lock_guard lock(g_slotMutex);
+    SlotOf(taskId_).awaited = seqNo;
+    uint32_t stale = 0;  // the late reply to an earlier request may not answer this one
+    (void)KEL_EventRead(kEventReply | kEventAuth, &stale, kKelEventAny, 0);
+  }
+  ~Awaiting() {
+    const std::lock_guard lock(g_slotMutex);
+    SlotOf(taskId_).awaited = 0;
+  }
+  Awaiting(const Awaiting&) = delete;
+  Awaiting& operator=(const Awaiting&) = delete;
+
+ private:
+  uint32_t taskId_;
+};
 
 /// The executor remembers results by sequence number alone, so a restarted requester must not come with the
 /// numbers of its former life, nor ever with 0.
@@ -94,11 +128,11 @@ uint32_t AwaitResult(Exchange exchange, TolaMsgExeUpdateScriptData& request) {
       LOG_ERR(kModule, "read event: %d", static_cast<int>(ret));
       return kFailure;
     } else if ((events & kEventReply) != 0) {
-      return SlotOf(exchange.taskId).result;
+      return SlotNow(exchange.taskId).result;
     } else if ((events & kEventAuth) != 0) {
       const uint16_t answer = exchange.needAuth ? 0 : 1;
       const uint32_t sent =
-          SendUpdateAuthReplyMsg(exchange.compId, SlotOf(exchange.taskId).authSeqNo, answer);
+          SendUpdateAuthReplyMsg(exchange.compId, SlotNow(exchange.taskId).authSeqNo, answer);
       if (!exchange.needAuth) return kSuccess;  // kept: refused, and success for the caller
       if (sent != 0) return sent;
       exchange.waitMs = kRunWaitMs;
@@ -116,6 +150,24 @@ void LogRequest(const TolaMsgExeUpdateScriptData& request, bool needAuth, uint16
           request.signatureCrlFileName.c_str(), request.caType, needAuth ? 1 : 0, cpuLimit);
 }
 
+/// `seqNo` null: the reply's number is not known.
+uint32_t TakeReply(const uint8_t* data, uint32_t length, const uint16_t* seqNo) {
+  TolaMsgExeUpdateScriptAckData reply;
+  const uint32_t parsed = reply.ParseFromMsg(data, length);
+  if (parsed != 0) {
+    LOG_ERR(kModule, "parse err:%d", static_cast<int>(parsed));
+    return parsed;
+  }
+  const std::lock_guard lock(g_slotMutex);
+  Slot& slot = SlotOf(reply.requesterTaskId);
+  if (seqNo != nullptr && IsLate(slot, *seqNo)) return kFailure;
+  slot.result = reply.result;
+  const uint32_t ret = KEL_EventWrite(reply.requesterTaskId, kEventReply);
+  LOG_EVT(kModule, "recv:%d exe ret:0x%x %d", static_cast<int>(reply.requesterTaskId), reply.result,
+          static_cast<int>(ret));
+  return ret;
+}
+
 }  // namespace
 
 uint32_t ExeScriptProxy(uint32_t compId, TolaMsgExeUpdateScriptData* request, bool needAuth,
@@ -130,11 +182,9 @@ uint32_t ExeScriptProxy(uint32_t compId, TolaMsgExeUpdateScriptData* request, bo
   LogRequest(*request, needAuth, cpuLimit);
   request->cpuLimit = cpuLimit;
   request->requesterTaskId = taskId;
-  // The late reply to an earlier request, given up since, may not answer this one.
-  uint32_t stale = 0;
-  (void)KEL_EventRead(kEventReply | kEventAuth, &stale, kKelEventAny, 0);
 
   const Exchange exchange = {taskId, compId, NextSeqNo(), needAuth, needAuth ? kAuthWaitMs : kRunWaitMs};
+  const Awaiting awaiting(taskId, exchange.seqNo);
   const uint32_t sent = TryToSendMsg(compId, exchange.seqNo, *request);
   if (sent != 0) return sent;
   LOG_EVT(kModule, "send req:%d %d %d", static_cast<int>(taskId), static_cast<int>(exchange.waitMs),
@@ -187,17 +237,11 @@ uint32_t SendUpdateAuthReplyMsg(uint32_t compId, uint16_t seqNo, uint16_t result
 }
 
 uint32_t ProcUpdateExeScriptReplyMsg(const uint8_t* data, uint32_t length) {
-  TolaMsgExeUpdateScriptAckData reply;
-  const uint32_t parsed = reply.ParseFromMsg(data, length);
-  if (parsed != 0) {
-    LOG_ERR(kModule, "parse err:%d", static_cast<int>(parsed));
-    return parsed;
-  }
-  SlotOf(reply.requesterTaskId).result = reply.result;
-  const uint32_t ret = KEL_EventWrite(reply.requesterTaskId, kEventReply);
-  LOG_EVT(kModule, "recv:%d exe ret:0x%x %d", static_cast<int>(reply.requesterTaskId), reply.result,
-          static_cast<int>(ret));
-  return ret;
+  return TakeReply(data, length, nullptr);
+}
+
+uint32_t ProcUpdateExeScriptReplyMsg(const uint8_t* data, uint32_t length, uint16_t seqNo) {
+  return TakeReply(data, length, &seqNo);
 }
 
 uint32_t ProcUpdateAuthReqMsg(const uint8_t* data, uint32_t length, uint16_t seqNo) {
@@ -207,7 +251,10 @@ uint32_t ProcUpdateAuthReqMsg(const uint8_t* data, uint32_t length, uint16_t seq
     LOG_ERR(kModule, "parse err:%d", static_cast<int>(parsed));
     return parsed;
   }
-  SlotOf(request.requesterTaskId).authSeqNo = seqNo;
+  const std::lock_guard lock(g_slotMutex);
+  Slot& slot = SlotOf(request.requesterTaskId);
+  if (IsLate(slot, seqNo)) return kFailure;
+  slot.authSeqNo = seqNo;
   const uint32_t ret = KEL_EventWrite(request.requesterTaskId, kEventAuth);
   LOG_EVT(kModule, "recv:%d auth seq:%d %d", static_cast<int>(request.requesterTaskId), seqNo,
           static_cast<int>(ret));

@@ -32,9 +32,12 @@ class TolaMsgExeUpdateScriptData;
 /// seconds. Serialised over all threads. @retval 0 it runs @retval other the start script's code, or 1
 [[nodiscard]] uint32_t CheckAndPullExeScriptProcess(uint32_t compId);
 
-/// For messages 41841 and 41842 of the requesting component: `data` is the message's data. The parse error is
-/// returned; else 0, or the result of waking the requesting task.
+/// For messages 41841 and 41842 of the requesting component: `data` is the message's data, `seqNo` its
+/// sequence number. Without the number a late reply to a request that was given up counts for the one that
+/// the task waits for now; with it, it is dropped. The parse error is returned, or 1 for what was dropped;
+/// else 0, or the result of waking the requesting task.
 [[nodiscard]] uint32_t ProcUpdateExeScriptReplyMsg(const uint8_t* data, uint32_t length);
+[[nodiscard]] uint32_t ProcUpdateExeScriptReplyMsg(const uint8_t* data, uint32_t length, uint16_t seqNo);
 [[nodiscard]] uint32_t ProcUpdateAuthReqMsg(const uint8_t* data, uint32_t length, uint16_t seqNo);
 
 /// Sends the request once, or up to 11 times a second apart on the runtime's clock.

@@ -27,7 +27,9 @@ using Executor = update_test::Mailbox<kScriptExeCompId>;
 void RequesterEntry(void* msg) {
   const auto* data = static_cast<const uint8_t*>(msg);
   const uint32_t length = TolaCompGetMsgLen(msg);
-  if (TolaCompGetMsgId(msg) == kMsgExeUpdateScriptAck) (void)ProcUpdateExeScriptReplyMsg(data, length);
+  if (TolaCompGetMsgId(msg) == kMsgExeUpdateScriptAck) {
+    (void)ProcUpdateExeScriptReplyMsg(data, length, TolaCompMsgGetSeqNo(msg));
+  }
   if (TolaCompGetMsgId(msg) == kMsgUpdateAuth) {
     (void)ProcUpdateAuthReqMsg(data, length, TolaCompMsgGetSeqNo(msg));
   }
@@ -117,6 +119,11 @@ TEST_F(ProxyTest, TheRepliedResultIsReturnedAndAStaleReplyIsNot) {
       EXPECT_STREQ(got.signaturePath.c_str(), "/p/sig");
       EXPECT_NE(seqNo, 0);
       EXPECT_NE(seqNo, lastSeqNo) << "the executor would answer from its record";
+      // Late messages for a request before it, of a task that had the same id.
+      Reply(got.requesterTaskId, static_cast<uint16_t>(seqNo - 1), 77);
+      TolaCmpMsg::TolaMsgExeUpdateAuthVerifyData late;
+      late.requesterTaskId = got.requesterTaskId;
+      EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgUpdateAuth, lastSeqNo, late), 0u);
       lastSeqNo = seqNo;
       Reply(got.requesterTaskId, seqNo, result);
     });

@@ -68,8 +68,8 @@ void AuthQuestion(const uint8_t* data, uint32_t length, uint16_t seqNo) {
     return;
   }
   switch (AnswerFor(question.requesterTaskId, seqNo)) {
-    case Authorisation::kGrant:  // the proxy that waits for the question grants it
-      (void)ProcUpdateAuthReqMsg(data, length, seqNo);
+    case Authorisation::kGrant:  // the proxy that waits for the question grants it; for another nobody does
+      if (ProcUpdateAuthReqMsg(data, length, seqNo) != 0) Answer(seqNo, kRefused);
       break;
     case Authorisation::kHold:
       LOG_EVT(kAuthModule, "auth seq:%u held", seqNo);

@@ -26,7 +26,7 @@ void ProcMsg(void* msg) {
   const auto* data = static_cast<const uint8_t*>(msg);
   switch (TolaCompGetMsgId(msg)) {
     case kMsgExeUpdateScriptAck:
-      (void)ProcUpdateExeScriptReplyMsg(data, TolaCompGetMsgLen(msg));
+      (void)ProcUpdateExeScriptReplyMsg(data, TolaCompGetMsgLen(msg), TolaCompMsgGetSeqNo(msg));
       break;
     case kMsgUpdateAuth:
       (void)ProcUpdateAuthReqMsg(data, TolaCompGetMsgLen(msg), TolaCompMsgGetSeqNo(msg));
