@@ -26,7 +26,8 @@ inline constexpr uint16_t kIpcIdCompFirst =
     4096;  ///< ... and components 4096 .. 4287 have a place in the map
 inline constexpr uint16_t kIpcIdCompEnd = 4288;
 inline constexpr uint32_t kIpcMapSize = kIpcIdPlatformEnd + (kIpcIdCompEnd - kIpcIdCompFirst);
-inline constexpr uint8_t kIpcNoApp = 0xFF;  ///< in the map; every index above 63 means "not known"
+inline constexpr uint8_t kIpcNoApp = 0xFF;    ///< in the map; every index above 63 means "not known"
+inline constexpr uint8_t kIpcMainApp = 0xFE;  ///< the main process's own: no application gets it
 inline constexpr uint32_t kIpcNoPlace = 0xFFFFFFFF;
 
 /// Place of a module id in the map, or kIpcNoPlace.

@@ -33,6 +33,12 @@ int64_t QueueSecond() {
   return now.tv_sec;
 }
 
+/// Whether process `pid` was the last that read the queue.
+bool ReadsQueue(int32_t queueId, uint32_t pid) {
+  IpcQueueState state = {};
+  return IpcQueueStateGet(queueId, &state) == 0 && state.reader == pid;
+}
+
 /// Whether what was sent at `sentAt` may still lie in the queue unread.
 bool MayBeUnread(const IpcQueueState& state, int64_t sentAt) {
   return state.messages != 0 && state.readAt <= sentAt;
@@ -130,7 +136,7 @@ uint32_t CIpcManager::HandleInner(const tagMsgBuf* msg, uint32_t sourcePid) {
     IpcAcknowledgeMsg acknowledge = {};
     if (length != sizeof(acknowledge)) return kFailure;
     if (memcpy_s(&acknowledge, sizeof(acknowledge), data, length) != EOK) return kErrCopy;
-    if (acknowledge.mainPid != sourcePid) return kFailure;
+    if (acknowledge.mainPid != sourcePid || !ReadsQueue(mainQueueId_, sourcePid)) return kFailure;
     return registry_.TakeAcknowledge(acknowledge);
   }
   if (msg->type == kIpcReboot) {  // the main process wants this one to ask for its own restart

@@ -81,7 +81,7 @@ void CIpcManager::TakeFrame(const IPC_MSG_S& frame, size_t size, uint32_t sender
   if (size >= kIpcFrameHead) {
     if (frame.sourcePid == frame.destinationPid) return;
     // The main process passes frames of others on under their own names.
-    const bool known = sender == 0 || sender == frame.sourcePid || sender == registry_.mainPid();
+    const bool known = sender == 0 || sender == frame.sourcePid || registry_.PassesOn(sender);
     if (known) ret = reassembly_.Take(frame, size, &msg);
   }
   if (ret != 0) LOG_DBG(kLogModule, "Recv App:%d  Msg Err:%#x", static_cast<int>(frame.sourcePid), ret);

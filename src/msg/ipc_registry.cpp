@@ -111,7 +111,7 @@ uint32_t IpcRegistry::Differences(uint16_t operation, uint16_t* ids, uint32_t ma
   uint32_t count = 0;
   for (uint32_t place = 0; place < kIpcMapSize && count < max; ++place) {
     const uint8_t index = table_.map[place];
-    const bool differs = operation == kIpcModuleAdded ? local_[place] && index >= kIpcAppMax
+    const bool differs = operation == kIpcModuleAdded ? local_[place] && index == kIpcNoApp
                                                       : !local_[place] && index == table_.ownIndex;
     if (differs) ids[count++] = ModuleAt(place);
   }
@@ -144,6 +144,17 @@ void IpcRegistry::KeepBefore() {
   beforeUntilNs_ = KEL_ClockMonotonicNs() + kBeforeNs;
 }
 
+void IpcRegistry::ForgetMain() {
+  const uint32_t former = mainPid_.exchange(0, std::memory_order_relaxed);
+  if (former == 0) return;
+  formerMainPid_ = former;
+  formerUntilNs_ = KEL_ClockMonotonicNs() + kBeforeNs;
+}
+
+bool IpcRegistry::PassesOn(uint32_t pid) const {
+  return pid == mainPid() || (pid == formerMainPid_ && KEL_ClockMonotonicNs() < formerUntilNs_);
+}
+
 uint32_t IpcRegistry::TakeAcknowledge(const IpcAcknowledgeMsg& acknowledge) {
   if (!IsAbout(acknowledge)) {
     ForgetMain();
@@ -152,6 +163,7 @@ uint32_t IpcRegistry::TakeAcknowledge(const IpcAcknowledgeMsg& acknowledge) {
   const TableGuard guard(sema_);
   if (!guard) return kIpcErrTableTake;
   if (known_ && table_.mainPid != acknowledge.mainPid) KeepBefore();
+  if (mainPid() != acknowledge.mainPid) ForgetMain();
   table_ = acknowledge;
   known_ = true;
   mainPid_.store(acknowledge.mainPid, std::memory_order_relaxed);

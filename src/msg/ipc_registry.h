@@ -51,7 +51,10 @@ class IpcRegistry {
   /// Process id of the main process that acknowledged; 0 while none has. Needs no semaphore.
   [[nodiscard]] uint32_t mainPid() const { return mainPid_.load(std::memory_order_relaxed); }
   /// The main process that acknowledged is gone. What it told about the others still counts.
-  void ForgetMain() { mainPid_.store(0, std::memory_order_relaxed); }
+  void ForgetMain();
+  /// Whether `pid` passes on what others sent: the main process, or the one before it for 30 s more, since
+  /// its last frames may lie unread. For the reading task, as is ForgetMain.
+  [[nodiscard]] bool PassesOn(uint32_t pid) const;
 
  private:
   [[nodiscard]] bool IsAbout(const IpcAcknowledgeMsg& acknowledge) const;
@@ -61,6 +64,8 @@ class IpcRegistry {
   uint32_t sema_ = 0;
   IpcTarget app_ = {};
   std::atomic<uint32_t> mainPid_{0};
+  uint32_t formerMainPid_ = 0;
+  uint64_t formerUntilNs_ = 0;
   std::bitset<kIpcMapSize> local_;
   bool known_ = false;  ///< `table_` is from the main process
   IpcAcknowledgeMsg table_ = {};

@@ -31,6 +31,7 @@ using support::Same;
 constexpr uint16_t kHere = 42;       ///< a module of this process
 constexpr uint16_t kElsewhere = 77;  ///< a module of the application that the test plays
 constexpr uint16_t kNobody = 99;
+constexpr uint16_t kMains = 41;  ///< the main process's own
 
 /// Waits for what another task or process does, 40 s at most.
 bool Becomes(const std::function<bool()>& condition) {
@@ -212,6 +213,7 @@ class IpcManagerTest : public IpcChannelTest {
     memset(table.map, kIpcNoApp, sizeof(table.map));
     table.map[kHere] = 3;
     table.map[kElsewhere] = 5;
+    table.map[kMains] = kIpcMainApp;
     memcpy(TolaMsgData(msg.get()), &table, sizeof(table));
     return msg;
   }
@@ -273,6 +275,18 @@ TEST_F(IpcManagerTest, B_RegistrationIsRepeatedUntilItIsAcknowledged) {
 
   EXPECT_EQ(SendHere(Acknowledge(1).get()), 0u);
   EXPECT_TRUE(Logged("Inter Msgtype:0x2 Err:0x1")) << "taken from a process that is not the main process";
+  const auto own = Own();
+  const pid_t child = fork();
+  if (child == 0) {  // not even from one that says it were
+    const auto self = static_cast<uint32_t>(getpid());
+    _exit(
+        static_cast<int>(IpcSendMessage(own, {4, self, 1, false}, Acknowledge(self).get(), IpcWait::kNever)));
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(Becomes([&] {
+    const auto lines = log_.Lines();
+    return std::count(lines.begin(), lines.end(), "Inter Msgtype:0x2 Err:0x1") == 2;
+  }));
   EXPECT_EQ(SendHere(Acknowledge(static_cast<uint32_t>(getpid())).get()), 0u);
   uint32_t registrations = 0;
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(2500);
@@ -316,6 +330,8 @@ TEST_F(IpcManagerTest, D_MessagesGoWhereTheMapSays) {
     EXPECT_EQ(msg->source, kIpcModule) << "a message that nobody has here went back to the main process";
   }
 
+  ASSERT_EQ(TOLA_MsgModuleRegister(kMains, s_task, 1, 64), 0u);
+  ASSERT_NE(AtMain(kIpcModuleChange), nullptr);
   ASSERT_EQ(TOLA_MsgModuleUnregister(kHere), 0u);
   const MsgPtr here = NewMsg(kHere, 4);
   EXPECT_EQ(TOLA_MsgPost(kHere, here.get(), 1), kIpcErrLocal) << "the map still has it in this process";
@@ -323,7 +339,9 @@ TEST_F(IpcManagerTest, D_MessagesGoWhereTheMapSays) {
   const MsgPtr change = AtMain(kIpcModuleChange);
   ASSERT_NE(change, nullptr);
   EXPECT_EQ(TolaMsgData(change.get())[4], kIpcModuleRemoved);
-  EXPECT_NE(AtMain(kIpcModuleChange), nullptr) << "what the map does not show is told again";
+  const MsgPtr again = AtMain(kIpcModuleChange);
+  ASSERT_NE(again, nullptr) << "what the map does not show is told again";
+  EXPECT_EQ(TolaMsgData(again.get())[4], kIpcModuleRemoved) << "the main process's own is claimed for ever";
   ASSERT_EQ(TOLA_MsgModuleRegister(kHere, s_task, 1, 64), 0u);
 }
 
@@ -363,6 +381,8 @@ TEST_F(IpcManagerTest, F_RegistersAgainWithAMainProcessThatTookOver) {
   waitpid(child, nullptr, 0);
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // unread: the test is the old main process
   EXPECT_NE(AtMain(kIpcRegister), nullptr) << "a restarted main process knows nobody";
+  ASSERT_EQ(IpcSendMessage(Own(), {4, 1, 1, false}, NewMsg(kHere, 4).get(), IpcWait::kNever), 0u);
+  EXPECT_NE(ReceiveHere(), nullptr) << "what the former main process passed on last is lost";
 }
 
 }  // namespace

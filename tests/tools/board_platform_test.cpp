@@ -139,7 +139,7 @@ TEST(Registry, AgreesWithAModelWhileProcessesComeGoAndMoveTheirModules) {
   for (uint32_t id = 0; id < 4400; ++id) {
     const uint32_t place = IpcMapPlace(static_cast<uint16_t>(id));
     if (place == kIpcNoPlace) continue;
-    const uint32_t holder = tables.map[place] == kIpcNoApp ? kNobody : tables.apps[tables.map[place]].pid;
+    const uint32_t holder = tables.map[place] >= kIpcAppMax ? kNobody : tables.apps[tables.map[place]].pid;
     ASSERT_EQ(holder,
               holders.contains(static_cast<uint16_t>(id)) ? holders[static_cast<uint16_t>(id)] : kNobody);
   }

@@ -170,6 +170,7 @@ IpcAcknowledgeMsg Registry::Acknowledge(uint32_t mainPid, uint32_t pid) const {
   }
   static_assert(sizeof(msg.map) == sizeof(map_));
   std::copy(map_.begin(), map_.end(), msg.map);
+  for (const uint16_t id : kMainModules) msg.map[IpcMapPlace(id)] = kIpcMainApp;
   return msg;
 }
 

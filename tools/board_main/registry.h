@@ -9,6 +9,7 @@
 
 #include <stdint.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 #include <span>
@@ -24,10 +25,11 @@ inline constexpr uint16_t kAuthModule = 5;      ///< grants or refuses updates
 inline constexpr uint16_t kFaultModule = 6;     ///< the platform's fault manager
 inline constexpr uint16_t kCommandModule = 41;  ///< runs the exception boxes' map command
 
+inline constexpr uint16_t kMainModules[] = {kAuthModule, kFaultModule, kIpcModule, kCommandModule};
+
 /// Whether `moduleId` is the main process's own.
 constexpr bool IsMainModule(uint16_t moduleId) {
-  return moduleId == kAuthModule || moduleId == kFaultModule || moduleId == kCommandModule ||
-         moduleId == kIpcModule;
+  return std::find(std::begin(kMainModules), std::end(kMainModules), moduleId) != std::end(kMainModules);
 }
 
 /// Why a process was not registered; travels in its acknowledgement.
