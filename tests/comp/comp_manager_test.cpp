@@ -59,17 +59,12 @@ TEST_F(CompManagerTest, AStageStartsItsTypesPlatformFirstWithAtMostFourInstances
   TOLA_COMP_TYPE_S later = Type("LATER", 1010, Record);
   later.stage = 1;
   later.inst[0].paraReg = NoteStart;
-  TOLA_COMP_TYPE_S broken = Type("BROKEN", 1011, nullptr);
   TOLA_COMP_TYPE_S single = Type("SINGLE", 1012, Record);
   single.inst[0].paraReg = NoteStart;
-  block->platform.typeNum = 2;
-  block->platform.type[0] = broken;
-  block->platform.type[1] = many;
-  block->product.typeNum = 2;
-  block->product.type[0] = later;
-  block->product.type[1] = single;
-
-  types_ = {broken, many, later, single};
+  types_ = {Type("BROKEN", 1011, nullptr), many, later, single};
+  block->platform.typeNum = block->product.typeNum = 2;
+  std::copy_n(&types_[0], 2, block->platform.type);
+  std::copy_n(&types_[2], 2, block->product.type);
   g_started.clear();
   ASSERT_EQ(TolaOsCompFrameInit(block.get()), 0u);
   TolaOsRegAllComp(block.get(), 0);
@@ -97,13 +92,8 @@ uint32_t RefusePara(uint32_t) {
 }
 
 TEST_F(CompManagerTest, TheFirstFailureEndsATypesStart) {
-  struct {
-    const char* name;
-    void (*spoil)(TOLA_COMP_TYPE_S&);
-    uint32_t result;
-    const char* line;
-    bool firstRuns;
-  } const cases[] = {
+  using Spoil = void (*)(TOLA_COMP_TYPE_S&);
+  const std::tuple<const char*, Spoil, uint32_t, const char*, bool> cases[] = {
       {"before", [](TOLA_COMP_TYPE_S& t) { t.beforeReg = Refuse; }, 7,
        "Comp type start up failed type=0x44d, name=before, ret=0x7", false},
       {"name", [](TOLA_COMP_TYPE_S& t) { memset(t.name, 'n', sizeof(t.name)); }, 1,
@@ -119,18 +109,17 @@ TEST_F(CompManagerTest, TheFirstFailureEndsATypesStart) {
        "Comp type start up failed type=0x453, name=after, ret=0x7", true},
   };
   uint32_t id = 1101;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    TOLA_COMP_TYPE_S type = Type(c.name, id, Record);
+  for (const auto& [name, spoil, result, line, firstRuns] : cases) {
+    SCOPED_TRACE(name);
+    TOLA_COMP_TYPE_S type = Type(name, id, Record);
     type.instNum = 2;
     type.inst[1].csi = id + 0x9500;
-    c.spoil(type);
+    spoil(type);
     (void)Logged().TakeAll();
-    EXPECT_EQ(Start(type), c.result);
-    EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr(c.line)));
-    EXPECT_EQ(TolaCompMsgSend(id, NewMsg(1, 1, 1, "")) == 0, c.firstRuns)
-        << "what ran before the failure stays";
-    if (c.firstRuns) (void)Arrived().Take();
+    EXPECT_EQ(Start(type), result);
+    EXPECT_THAT(Logged().TakeAll(), Contains(HasSubstr(line)));
+    EXPECT_EQ(TolaCompMsgSend(id, NewMsg(1, 1, 1, "")) == 0, firstRuns) << "what ran before stays";
+    if (firstRuns) (void)Arrived().Take();
     ++id;
   }
 }
@@ -175,23 +164,17 @@ TEST_F(CompManagerTest, InitRefusesWhatIsNoProcess) {
 
 TEST_F(CompManagerTest, TheFirst32DestinationsOfBothSetsCount) {
   auto block = NewBlock();
-  block->product.dstNum = 20;
-  block->platform.dstNum = 20;
+  block->product.dstNum = block->platform.dstNum = 20;
   for (uint32_t i = 0; i < 20; ++i) {
     block->product.dst[i] = Process(200 + i, {2000 + i});
-    block->platform.dst[i] = Process(300 + i, {3000 + i});
+    block->platform.dst[i] = Process(220 + i, {2020 + i});
   }
   ASSERT_EQ(TolaOsCompFrameInit(block.get()), 0u);
-  for (uint32_t i = 0; i < 20; ++i) {
-    EXPECT_TRUE(IsKnown(2000 + i)) << i;
-    EXPECT_EQ(IsKnown(3000 + i), i < 12) << i;
-  }
-  for (uint32_t i = 0; i < 20; ++i) {
-    const TOLA_COMP_PROC_S product = Address(200 + i);
-    const TOLA_COMP_PROC_S platform = Address(300 + i);
-    EXPECT_EQ(TolaDelCompDstProcInfo(&product), 0u);
-    EXPECT_EQ(TolaDelCompDstProcInfo(&platform) == 0, i < 12) << i;
-    EXPECT_FALSE(IsKnown(2000 + i) || IsKnown(3000 + i)) << "removal left an address behind";
+  for (uint32_t i = 0; i < 40; ++i) {
+    EXPECT_EQ(IsKnown(2000 + i), i < 32) << i;
+    const TOLA_COMP_PROC_S process = Address(200 + i);
+    EXPECT_EQ(TolaDelCompDstProcInfo(&process) == 0, i < 32) << i;
+    EXPECT_FALSE(IsKnown(2000 + i)) << "removal left an address behind";
   }
 }
 
