@@ -73,10 +73,9 @@ TEST(RunLogRecordTest, LineHasDateTagNameFileAndPlaceAndIsEchoedAsItIs) {
 
 TEST(RunLogRecordTest, MessageIsCutAt199AndStaysOnOneLine) {
   LogCapture log;
-  TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", std::string(199, 'a').c_str());
-  TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", std::string(250, 'b').c_str());
-  TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", "one\r\ntwo\n");
-  TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", (std::string(198, 'c') + "\n\n").c_str());
+  for (const std::string& text : {std::string(199, 'a'), std::string(250, 'b'), std::string("one\r\ntwo\n"),
+                                  std::string(198, 'c') + "\n\n"})
+    TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "%s", text.c_str());
   TOLA_LogPrint(kModule, kLogErr, "a.cpp", 1, "text%cafter its end", 0);
   EXPECT_THAT(log.Lines(), ElementsAre(std::string(199, 'a'), std::string(199, 'b'), "one  two ",
                                        std::string(198, 'c') + " ", "text"));
@@ -91,16 +90,14 @@ TEST(RunLogRecordTest, MessageIsCutAt199AndStaysOnOneLine) {
 
 TEST(RunLogRecordTest, FirstNameOfAnIdCountsAndNewNamesStandInFront) {
   LogCapture log;
-  const TOLA_MODULE_NAME_S first[] = {{900, ""}, {900, "OLD"}, {900, "OLDER"}, {901, "tenletters"}};
-  const TOLA_MODULE_NAME_TABLE_S firstTable = {4, first};
-  ASSERT_EQ(RegLogModuleInfo(&firstTable), 0u);
-  const TOLA_MODULE_NAME_S second[] = {{900, "NEW"}};
-  const TOLA_MODULE_NAME_TABLE_S secondTable = {1, second};
+  const auto add = [](const std::vector<TOLA_MODULE_NAME_S>& names) {
+    const TOLA_MODULE_NAME_TABLE_S table = {static_cast<uint16_t>(names.size()), names.data()};
+    return RegLogModuleInfo(&table);
+  };
+  ASSERT_EQ(add({{900, ""}, {900, "OLD"}, {900, "OLDER"}, {901, "tenletters"}}), 0u);
   TOLA_LogPrint(900, kLogErr, "a.cpp", 1, "text");
-  ASSERT_EQ(RegLogModuleInfo(&secondTable), 0u);
-  const TOLA_MODULE_NAME_S tooLong[] = {{902, "good"}, {901, "elevenchars"}};
-  const TOLA_MODULE_NAME_TABLE_S tooLongTable = {2, tooLong};
-  EXPECT_EQ(RegLogModuleInfo(&tooLongTable), kLogErrNameTooLong);
+  ASSERT_EQ(add({{900, "NEW"}}), 0u);
+  EXPECT_EQ(add({{902, "good"}, {901, "elevenchars"}}), kLogErrNameTooLong);
   for (const uint16_t id : std::initializer_list<uint16_t>{900, 901, 902})
     TOLA_LogPrint(id, kLogErr, "a.cpp", 1, "text");
 
