@@ -97,8 +97,7 @@ TEST_F(CrlManageTest, AnEmptyNameCountsAsNoList) {
   EXPECT_EQ(ProcessCrlInfo(request_), 0u);
   Supply(List(1));
   std::filesystem::remove(crlPath_);
-  EXPECT_EQ(ProcessCrlInfo(request_), 50997u)
-      << "a list that is named but missing is no list that is left out";
+  EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "one that is named but missing is not left out";
 }
 
 TEST_F(CrlManageTest, EachTypeHasAListOfItsOwn) {
@@ -179,7 +178,7 @@ TEST_F(CrlManageTest, ADirectoryInTheListsPlaceBlocksNothing) {
 class FailingCopyTest : public CrlManageTest {
  protected:
   void ReplaceCp(const std::string& script) {
-    const std::string cp = dir_.Write("bin/cp", "#!/bin/sh\n" + script);
+    const std::string cp = dir_.Write("bin/cp", "#!/bin/sh\n" + script + "\n");
     ASSERT_EQ(chmod(cp.c_str(), 0700), 0);
     setenv("PATH", (dir_.File("bin") + ":" + path_).c_str(), 1);
   }
@@ -189,26 +188,19 @@ class FailingCopyTest : public CrlManageTest {
 
 TEST_F(FailingCopyTest, TheStoredListSurvivesEveryFailure) {
   const std::string older = List(9, 1);
-  const std::pair<const char*, const char*> faults[] = {
-      {"fails at once", "exit 1\n"},
-      {"fails halfway", "head -c 40 \"$2\" >\"$3\"; exit 1\n"},
-      {"claims success and copies half", "head -c 40 \"$2\" >\"$3\"\n"},
-      {"claims success and copies nothing", "exit 0\n"},
-      {"claims success and leaves an empty file", ": >\"$3\"\n"},
-      {"leaves a link to the update", "ln -s \"$2\" \"$3\"\n"},
-      {"leaves a directory", "mkdir \"$3\"\n"},
-  };
-  for (const auto& [what, script] : faults) {
+  Supply(List(1, 2));
+  for (const char* fault : {"exit 1", "head -c 40 \"$2\" >\"$3\"; exit 1", "head -c 40 \"$2\" >\"$3\"",
+                            "exit 0", ": >\"$3\"", "ln -s \"$2\" \"$3\"", "mkdir \"$3\""}) {
+    SCOPED_TRACE(fault);
     Store(older);
-    Supply(List(1, 2));
-    ReplaceCp(script);
-    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << what;
-    EXPECT_EQ(StoredText(), older) << what;
-    EXPECT_FALSE(Exists(StoredFile("signature.crl.old"))) << what;
+    ReplaceCp(fault);
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
+    EXPECT_EQ(StoredText(), older);
+    EXPECT_FALSE(Exists(StoredFile("signature.crl.old")));
 
     std::filesystem::remove_all(StoredFile());
-    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << what << ", first list";
-    EXPECT_FALSE(Exists(StoredFile())) << what << ", first list: half a list stayed";
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "first list";
+    EXPECT_FALSE(Exists(StoredFile())) << "half a first list stayed";
   }
 }
 
@@ -216,7 +208,7 @@ TEST_F(FailingCopyTest, ACutInTheMiddleIsUndoneAtTheNextStart) {
   const std::string older = List(9, 1);
   Store(older);
   Supply(List(1, 2));
-  ReplaceCp("head -c 40 \"$2\" >\"$3\"; kill -9 $PPID\n");
+  ReplaceCp("head -c 40 \"$2\" >\"$3\"; kill -9 $PPID");
   const pid_t child = fork();
   if (child == 0) _exit(ProcessCrlInfo(request_) == 0 ? 0 : 1);
   int status = 0;

@@ -48,26 +48,24 @@ class SecureBootTest : public VerifyTest {
 TEST_F(SecureBootTest, AFlippedBitInAnyRegionIsSeen) {
   Install("FileNum=2\n" + a_ + b_);
   ASSERT_EQ(Check(), 0u);
-  const struct {
-    const char* name;
-    uint32_t harmless;  ///< a signature's list of algorithms and its version are neither signed nor used
-  } files[] = {{"a", 0}, {"demo_filelist.txt", 0}, {"demo_filelist.crl", 0}, {"demo_filelist.cms", 3}};
-  for (const auto& file : files) {
-    const std::string good = ReadFile(app_ + file.name);
+  // With the harmless bytes: a signature's list of algorithms and its version are neither signed nor used.
+  const std::pair<std::string, uint32_t> files[] = {
+      {"a", 0}, {"demo_filelist.txt", 0}, {"demo_filelist.crl", 0}, {"demo_filelist.cms", 3}};
+  for (const auto& [name, harmless] : files) {
+    const std::string file = app_ + name, good = ReadFile(file);
     uint32_t accepted = 0;
     for (size_t at = 0; at < good.size(); at += 1 + good.size() / 61) {
       std::string bad = good;
       bad[at] = static_cast<char>(bad[at] ^ 1 << at % 8);
-      testpki::WriteFile(app_ + file.name, bad);
+      testpki::WriteFile(file, bad);
       const uint32_t all = Check();
-      EXPECT_EQ(Check(app_ + "a") == 0, all == 0) << file.name << " byte " << at;
+      EXPECT_EQ(Check(app_ + "a") == 0, all == 0) << name << " byte " << at;
       if (all == 0) ++accepted;
     }
-    EXPECT_LE(accepted, file.harmless) << file.name;
-    ASSERT_EQ(unlink((app_ + file.name).c_str()), 0);
-    EXPECT_NE(Check(), 0u) << file.name << " is missing";
-    EXPECT_NE(Check(app_ + "a"), 0u) << file.name << " is missing";
-    testpki::WriteFile(app_ + file.name, good);
+    EXPECT_LE(accepted, harmless) << name;
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    EXPECT_TRUE(Check() != 0 && Check(app_ + "a") != 0) << name << " is missing";
+    testpki::WriteFile(file, good);
   }
 }
 
@@ -75,11 +73,7 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
   const std::string name = "FileName=a\n", full = Entry(app_ + "a", "first"), wrong = Entry("a", "other");
   const std::string digest = full.substr(full.find('\n') + 1), other = wrong.substr(wrong.find('\n') + 1);
   const std::string no = "ForceVerify=0\n", blanks(160, ' ');
-  const struct {
-    const char* what;
-    std::string list;
-    uint32_t code;
-  } cases[] = {
+  const std::tuple<const char*, std::string, uint32_t> cases[] = {
       {"any order behind the name", "FileNum=1\n" + name + path_ + digest, 0},
       {"the path of the next entry", "FileNum=2\n" + full + b_, 0},
       {"no count", a_, 50989},
@@ -101,9 +95,8 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
       {"not forced, but not there", "FileNum=1\n" + Entry("gone", "") + path_ + no, 50955},
       {"not forced, but a directory", "FileNum=1\n" + Entry(".", "") + path_ + no, 50956},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(VerifyFileHashInfFilelist(dir_.Write("list", c.list).c_str(), 0), c.code) << c.what;
-  }
+  for (const auto& [what, text, code] : cases)
+    EXPECT_EQ(VerifyFileHashInfFilelist(dir_.Write("list", text).c_str(), 0), code) << what;
   EXPECT_EQ(VerifyFileHashInfFilelist(dir_.path().c_str(), 0), 51001u);
 }
 
