@@ -32,6 +32,11 @@ int64_t SizeOfRegular(const char* path) {
   return lstat(path, &state) == 0 && S_ISREG(state.st_mode) ? static_cast<int64_t>(state.st_size) : -1;
 }
 
+bool IsLink(const char* path) {
+  struct stat state = {};
+  return lstat(path, &state) == 0 && S_ISLNK(state.st_mode);
+}
+
 bool IsDirectory(const char* path) {
   struct stat state = {};
   return lstat(path, &state) == 0 && S_ISDIR(state.st_mode);
@@ -46,8 +51,9 @@ bool Run(const char* verb, const char* from, const char* link, const char* to) {
   return TOLA_System(command) == 0;
 }
 
-/// Moves a file onto the name of another; a folder of that name would take it in instead.
+/// Moves a file onto the name of another; a folder of that name, or a link to one, would take it in instead.
 bool Move(const char* from, const char* to) {
+  if (IsLink(to)) (void)remove(to);
   return !IsDirectory(to) && Run("mv -f", from, " ", to);
 }
 
