@@ -39,6 +39,7 @@ struct Process {
 constinit Process gBox;
 constinit std::atomic<BoxUserInfoHook> gHook = nullptr;
 constinit std::atomic<uint32_t> gFilterTask = 0;
+constinit std::atomic<bool> gSenderEnds = false;  // the process, after signal 46
 
 constinit std::atomic<int32_t> gFirstThread = 0;  // whose crash it is; 0: none so far
 constinit std::atomic<int> gFirstSignal = 0;
@@ -58,12 +59,12 @@ int64_t NowS() {
 }
 
 /// What is written may pass the limit of a file's size; the signal of that must not come on top of the crash.
-void HoldLimitSignalsBack() {
-  sigset_t limits;
-  sigemptyset(&limits);
-  sigaddset(&limits, SIGXCPU);
-  sigaddset(&limits, SIGXFSZ);
-  (void)pthread_sigmask(SIG_BLOCK, &limits, nullptr);
+/// Nor may the request of another thread's crash for a block come into the midst of this thread's.
+void HoldOtherSignalsBack() {
+  sigset_t others;
+  sigemptyset(&others);
+  for (const int signal : {SIGXCPU, SIGXFSZ, kBoxTaskInfoSignal}) sigaddset(&others, signal);
+  (void)pthread_sigmask(SIG_BLOCK, &others, nullptr);
 }
 
 /// A task that goes on must not meet the signal of what was written here.
@@ -236,12 +237,16 @@ void BoxRecordFilter(uint32_t taskId) {
   gFilterTask.store(taskId);
 }
 
+void BoxLeaveEndToSender() {
+  gSenderEnds.store(true);
+}
+
 uint32_t BoxCrashHandler(int signal, siginfo_t* info, void* context) {
   if (getpid() != gBox.pid) return 1;
   // A signal that somebody sends again while this thread is at it must not cut its work short. An abort that
   // came back would end the process at once.
   if (tCrashes > 0 && signal != SIGABRT && info != nullptr && info->si_code <= 0) return 0;
-  HoldLimitSignalsBack();
+  HoldOtherSignalsBack();
   const bool first = IsFirst(signal);
   tCrashes = tCrashes + 1;
   if (tCrashes == 1) {
@@ -258,13 +263,13 @@ uint32_t BoxCrashHandler(int signal, siginfo_t* info, void* context) {
 }
 
 void BoxHeartTimeoutHandler(int signal, siginfo_t* info, void* context) {
-  if (BoxCrashHandler(signal, info, context) != 0) KEL_SigcapDefault(signal);
+  if (BoxCrashHandler(signal, info, context) != 0 && !gSenderEnds.load()) KEL_SigcapDefault(signal);
 }
 
 void BoxTaskInfoHandler(int signal, siginfo_t* info, void* context) {
   if (getpid() != gBox.pid) return;
   const int kept = errno;
-  HoldLimitSignalsBack();  // until the interrupted mask comes back with the return
+  HoldOtherSignalsBack();  // until the interrupted mask comes back with the return
   SaveSignalTaskInfo(signal, info, context);
   DropOwnLimitSignal();
   errno = kept;

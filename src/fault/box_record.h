@@ -32,10 +32,14 @@ void BoxRecordHook(BoxUserInfoHook hook);
 /// Tasks of this id and below are not asked for blocks; 0 asks all. Any thread.
 void BoxRecordFilter(uint32_t taskId);
 
+/// From now on signal 46 ends nothing: who sends it ends the process with a status of its own, or this one's
+/// alarm does. Any thread.
+void BoxLeaveEndToSender();
+
 /// Handler of the fatal signals, for the signal capture, which ends the process afterwards. Returns at once
 /// in a forked child, whose crash is not this file's matter. @retval 1
 uint32_t BoxCrashHandler(int signal, siginfo_t* info, void* context);
-/// The same with the end of the process, for signal 46.
+/// The same with the end of the process (but see BoxLeaveEndToSender), for signal 46.
 void BoxHeartTimeoutHandler(int signal, siginfo_t* info, void* context);
 /// Handler of signal 45; the interrupted task goes on afterwards.
 void BoxTaskInfoHandler(int signal, siginfo_t* info, void* context);

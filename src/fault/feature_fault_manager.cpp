@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "base/result_codes.h"
+#include "fault/box_record.h"
 #include "fault/fault_debug.h"
 #include "log/run_log.h"
 #include "msg/heart_beat_manager.h"
@@ -31,7 +32,6 @@ constexpr uint32_t kQueueLength = 32;
 constexpr uint16_t kHeartBeatId = 4;
 constexpr uint16_t kHeartBeatTimeoutS = 1800;
 
-constexpr int kHeartTimeoutSignal = 46;
 constexpr uint32_t kRecordMs = 2000;
 constexpr int kStuckTaskStatus = 17;
 
@@ -60,7 +60,8 @@ uint32_t FeatureFaultMgrReg(uint16_t moduleId, int32_t pid) {
 void FaultRecordStuckTask(uint32_t taskId) {
   pthread_t thread = {};
   if (KEL_TaskIsValid(taskId) == 0 || KEL_TaskPthreadGet(taskId, &thread) != 0) thread = pthread_self();
-  (void)pthread_kill(thread, kHeartTimeoutSignal);  // a record that fails does not keep the process alive
+  BoxLeaveEndToSender();
+  (void)pthread_kill(thread, kBoxHeartTimeoutSignal);  // a record that fails does not keep the process alive
   KEL_TaskDelay(kRecordMs);
   _exit(kStuckTaskStatus);
 }

@@ -21,17 +21,21 @@
 
 #include "base/owners.h"
 #include "fault/box.h"
+#include "fault/feature_fault_manager.h"
 #include "log/file_public.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_clock.h"
+#include "velto/kel_sync.h"
 #include "velto/kel_task.h"
 
 namespace {
 
-constexpr uint32_t kWaiting = 3;  // main and the two that wait
+constexpr uint32_t kSecondWaiter = 3;  // task ids
+constexpr uint32_t kCrasher = 4;
 std::string g_directory;
-std::atomic<uint32_t> g_written = 0;  // tasks that came back from writing their block
-std::atomic<bool> g_secondFaults = false;
+struct sigaction g_taskInfo = {};
+std::atomic<uint32_t> g_written = 0;  // blocks of tasks that go on
+uint32_t g_saveFile = 0;              // the box's semaphore
 volatile int g_zero = 0;
 
 std::string File(const char* name) {
@@ -84,10 +88,6 @@ void FaultWithoutStack() {  // nothing can be read where the stack should be, so
   __asm__ volatile("mov r0, #64\n mov sp, r0\n udf #0");
 #endif
 }
-void FaultTwice() {
-  g_secondFaults = true;
-  WriteToNull();
-}
 
 /// Says in which seconds the memory map is written anew.
 void CountRefreshes() {
@@ -134,7 +134,9 @@ constexpr End kEnds[] = {
        Limit(RLIMIT_FSIZE, 3000);
        WriteToNull();
      }},
-    {"twice", FaultTwice},
+    {"twice", WriteToNull},
+    {"stuck", [] { FaultRecordStuckTask(kSecondWaiter); }},
+    {"unknown", [] { FaultRecordStuckTask(200); }},
     {"lost", FaultWithoutStack},
     {"hook",
      [] {
@@ -146,48 +148,72 @@ constexpr End kEnds[] = {
     {"none", [] {}, false},
 };
 
-/// Signal 45 comes in here alone, so that the count is right.
-void AwaitTaskInfo() {
-  sigset_t mask;
-  (void)pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  sigdelset(&mask, kBoxTaskInfoSignal);
-  (void)sigsuspend(&mask);
+/// The box's own handler of signal 45, counted.
+void CountTaskInfo(int signal, siginfo_t* info, void* context) {
+  g_taskInfo.sa_sigaction(signal, info, context);
   ++g_written;
 }
 
-void Waiter(uintptr_t isSecond, uintptr_t, uintptr_t, uintptr_t) {
-  AwaitTaskInfo();
-  if (isSecond != 0 && g_secondFaults) Divide();
+[[gnu::noinline]] void AwaitSignals() {
   for (;;) (void)pause();
+}
+
+void Waiter(uintptr_t faults, uintptr_t, uintptr_t, uintptr_t) {
+  if (faults != 0) Divide();
+  AwaitSignals();
 }
 
 void RunEnd(uintptr_t end, uintptr_t, uintptr_t, uintptr_t) {
   reinterpret_cast<const End*>(end)->run();
 }
 
-/// Lets the five seconds pass once all blocks are there; ends the process when they do not come.
-void PassTime() {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(40);
-  const size_t blocks = kWaiting + (g_secondFaults ? 2 : 1);
-  const auto complete = [blocks] {
-    if (g_written < kWaiting) return false;
-    return !g_secondFaults || Count(Content(File("box.tola.tmp")), "Show CallStack\n") >= blocks;
-  };
-  while (!complete() && std::chrono::steady_clock::now() < end) {
+/// Whether a task has `signal` among those of a row of its status.
+bool Has(uint32_t task, const char* row, int signal) {
+  int32_t thread = 0;
+  (void)KEL_TaskThreadIdGet(task, &thread);
+  const std::string status = Content("/proc/self/task/" + std::to_string(thread) + "/status");
+  const size_t at = status.find(row);
+  return at != std::string::npos &&
+         (strtoull(status.c_str() + at + strlen(row), nullptr, 16) >> (signal - 1) & 1) != 0;
+}
+
+template <class Condition>
+void Await(const Condition& condition) {
+  for (int look = 0; look < 40000 && !condition(); ++look) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  while (std::chrono::steady_clock::now() < end) {
-    KEL_ClockAdvanceMs(1000);
-    std::this_thread::yield();
+}
+
+/// Two tasks fault while nobody can write, so that the second one is asked for a block in the midst of its
+/// own crash, or while it waits for its end.
+void AwaitBoth() {
+  constexpr const char* kBlocked = "SigBlk:";
+  Await([] { return Has(kSecondWaiter, kBlocked, SIGXFSZ) && Has(kCrasher, kBlocked, SIGXFSZ); });
+  (void)KEL_SemaV(g_saveFile);
+  constexpr const char* kPending = "SigPnd:";
+  Await([] {
+    return g_written >= 3 || (g_written == 2 && (Has(kSecondWaiter, kPending, kBoxTaskInfoSignal) ||
+                                                 Has(kCrasher, kPending, kBoxTaskInfoSignal)));
+  });
+  Await([] { return Count(Content(File("box.tola.tmp")), "Show CallStack\n") >= 4; });
+  (void)KEL_SemaP(g_saveFile, KEL_WAIT_FOREVER);  // the last block is whole
+}
+
+/// Lets the five seconds pass once all blocks are there; ends the process when they do not come.
+void PassTime(bool isTwice) {
+  if (isTwice) {
+    AwaitBoth();
+  } else {
+    Await([] { return g_written >= 3; });
   }
+  Await([] {
+    KEL_ClockAdvanceMs(1000);
+    return false;
+  });
   _exit(99);
 }
 
 int Run(const End& end) {
-  sigset_t mask;
-  sigemptyset(&mask);
-  sigaddset(&mask, kBoxTaskInfoSignal);
-  (void)pthread_sigmask(SIG_BLOCK, &mask, nullptr);  // the tasks take it over
   KEL_ClockModeSet(kKelClockManual);
   TOLA_SIGNAL_BOX_S files = {};
   (void)strncpy(files.exceptionFile, File("box.tola").c_str(), sizeof(files.exceptionFile) - 1);
@@ -199,17 +225,22 @@ int Run(const End& end) {
     end.run();
     return 0;
   }
+  (void)sigaction(kBoxTaskInfoSignal, nullptr, &g_taskInfo);
+  if (InstallSigHandlers(kBoxTaskInfoSignal, CountTaskInfo) != 0) return 98;
   uint32_t id = 0;
-  const uintptr_t second[4] = {1, 0, 0, 0};
+  const bool isTwice = strcmp(end.name, "twice") == 0;
+  // The box's semaphore is the one before the next that is made.
+  if (isTwice && (KEL_SemaCreate("next", 1, 0, &g_saveFile) != 0 || KEL_SemaP(--g_saveFile, 0) != 0))
+    return 98;
+  const uintptr_t second[4] = {isTwice ? 1u : 0u, 0, 0, 0};
   const uintptr_t chosen[4] = {reinterpret_cast<uintptr_t>(&end), 0, 0, 0};
-  g_secondFaults = end.run == FaultTwice;
   if (KEL_TaskCreate("Waiter", &id, Waiter, 1, 0, 0, nullptr) != 0 ||
-      KEL_TaskCreate("SecondWaiter", &id, Waiter, 1, 0, 0, second) != 0) {
+      KEL_TaskCreate("SecondWaiter", &id, Waiter, 1, 0, 0, second) != 0 || id != kSecondWaiter) {
     return 98;
   }
-  std::thread(PassTime).detach();
+  std::thread(PassTime, isTwice).detach();
   if (KEL_TaskCreate("Crasher", &id, RunEnd, 1, 0, 0, chosen) != 0) return 98;
-  Waiter(0, 0, 0, 0);
+  AwaitSignals();
   return 0;
 }
 

@@ -155,30 +155,6 @@ TEST(FaultThresholdDeathTest, FiresAtItsPercentageAndEndsAProcessThatNobodyResta
   EXPECT_EXIT(RunWithMemoryInUse(922), testing::KilledBySignal(SIGKILL), "");
 }
 
-/// Ends like a process whose task `victim` stopped beating; the handler says who was recorded.
-[[noreturn]] void RunStuckTask(bool isKnown) {
-  KEL_ClockModeSet(kKelClockAutoAdvance);
-  if (KEL_Start(nullptr) != 0) _exit(99);
-  (void)signal(46, [](int) {
-    uint32_t id = 0;
-    (void)KEL_TaskCurrentIdGet(&id);
-    const char text[] = {'t', 'a', 's', 'k', ' ', static_cast<char>('0' + id), '\n'};
-    (void)!write(STDERR_FILENO, text, sizeof(text));
-  });
-  TestTask victim("victim", [] {
-    uint32_t received = 0;
-    for (;;) (void)KEL_EventRead(1, &received, kKelEventAny, KEL_WAIT_FOREVER);
-  });
-  // The signal has arrived when the process ends: it is sent before the delay, and taken before it returns.
-  FaultRecordStuckTask(isKnown ? victim.id() : 200);
-}
-
-TEST(FaultStuckTaskDeathTest, IsRecordedByTheTaskItselfElseByTheCallerThenStatus17) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(RunStuckTask(false), testing::ExitedWithCode(17), "task 1");
-  EXPECT_EXIT(RunStuckTask(true), testing::ExitedWithCode(17), "task 2");
-}
-
 TEST(FaultTimerDeathTest, SeventhCallbackIsRefused) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
