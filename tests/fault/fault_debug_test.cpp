@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,10 +41,16 @@ class Terminal {
     slave_.reset(open(ptsname(master_.get()), O_RDWR | O_NOCTTY));
   }
   [[nodiscard]] uint16_t number() const { return number_; }
-  [[nodiscard]] std::string Read() const {
-    char text[256] = {};
-    const ssize_t length = read(master_.get(), text, sizeof(text) - 1);
-    return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
+  /// What came out there, once it is as long as `expected`, which takes a moment.
+  [[nodiscard]] std::string Read(const std::string& expected) const {
+    std::string text;
+    char piece[256];
+    struct pollfd waited = {master_.get(), POLLIN, 0};
+    while (text.size() < expected.size() && poll(&waited, 1, 5000) > 0) {
+      const ssize_t length = read(master_.get(), piece, sizeof(piece));
+      if (length > 0) text.append(piece, static_cast<size_t>(length));
+    }
+    return text;
   }
 
  private:
@@ -74,8 +81,10 @@ TEST(FaultRedirect, OutputGoesToTheTerminalAndBack) {
   EXPECT_EQ(Request({0, 65535, 1}), 1u) << "no such terminal";
   ASSERT_EQ(fstat(STDOUT_FILENO, &after), 0);
   EXPECT_TRUE(before.st_dev == after.st_dev && before.st_ino == after.st_ino) << "not restored";
-  EXPECT_EQ(first.Read(), "for the first\r\n");
-  EXPECT_EQ(second.Read(), "for the second\r\nstill there\r\n");
+  for (const auto& [terminal, text] :
+       {std::pair(&first, "for the first\r\n"), std::pair(&second, "for the second\r\nstill there\r\n")}) {
+    EXPECT_EQ(terminal->Read(text), text);
+  }
   EXPECT_EQ(Request({0, 0, 0}), 0u) << "off without a redirection";
   EXPECT_THAT(log.Lines(),
               testing::IsSupersetOf({"CMD:/dev/pts/" + std::to_string(first.number()),
