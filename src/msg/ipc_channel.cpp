@@ -89,13 +89,17 @@ bool IpcIsOurs(const struct ipc_perm& perm) {
   return known(perm.uid) && known(perm.cuid) && (perm.mode & kModeOthers) == 0;
 }
 
+bool IpcQueueIsOurs(int32_t queueId) {
+  struct msqid_ds state = {};
+  if (msgctl(queueId, IPC_STAT, &state) != 0) return false;
+  if (IpcIsOurs(state.msg_perm)) return true;
+  errno = EPERM;
+  return false;
+}
+
 uint32_t IpcQueueOpen(key_t key, int32_t* queueId) {
   *queueId = msgget(key, IPC_CREAT | kMode);
-  struct msqid_ds state = {};
-  if (*queueId >= 0 && msgctl(*queueId, IPC_STAT, &state) == 0) {
-    if (IpcIsOurs(state.msg_perm)) return kSuccess;
-    errno = EPERM;
-  }
+  if (*queueId >= 0 && IpcQueueIsOurs(*queueId)) return kSuccess;
   *queueId = -1;
   return kFailure;
 }
@@ -178,10 +182,10 @@ uint32_t IpcQueueReader::Read(IPC_MSG_S* frame, size_t* size, uint32_t* sender) 
   uint32_t last = 0;
   ssize_t got = Receive(frame, false, &ret);
   if (got < 0) {
-    const bool look = ++emptyReads_ % kEmptyReadsToLook == 0;
+    const bool look = ++emptyReads_ % emptyReadsToLook_ == 0;
     empty_ = !look || LooksEmpty(&last);
     if (empty_ || (got = Receive(frame, true, &ret)) < 0) return kIpcErrEmpty;
-    emptyReads_ = kEmptyReadsToLook - 1;  // where one was found there may be more
+    emptyReads_ = emptyReadsToLook_ - 1;  // where one was found there may be more
   }
   *size = static_cast<size_t>(got);
   if (!empty_) return ret;

@@ -32,6 +32,9 @@ inline constexpr uint32_t kIpcSendWaits = 250;  ///< ... and that often: 5 s
 /// kIpcOwner, and nobody else may touch it.
 [[nodiscard]] bool IpcIsOurs(const struct ipc_perm& perm);
 
+/// Whether the queue is there and the platform's own; errno says why not, EPERM for the latter.
+[[nodiscard]] bool IpcQueueIsOurs(int32_t queueId);
+
 /// Opens the queue of `key`, or makes it, mode 0600.
 /// @retval 1 it could not be had, or it is not the platform's own (errno EPERM); `*queueId` is -1 then
 [[nodiscard]] uint32_t IpcQueueOpen(key_t key, int32_t* queueId);
@@ -86,7 +89,12 @@ enum class IpcWait {
 /// Reads the frames of one queue.
 class IpcQueueReader {
  public:
-  explicit IpcQueueReader(int32_t queueId = -1) : queueId_(queueId) {}
+  /// Every so many reads of an empty queue it is looked at for messages of classes that nobody reads: they
+  /// keep senders waiting, so a reader that seldom comes looks more often.
+  static constexpr uint32_t kEmptyReadsToLook = 64;
+
+  explicit IpcQueueReader(int32_t queueId = -1, uint32_t emptyReadsToLook = kEmptyReadsToLook)
+      : queueId_(queueId), emptyReadsToLook_(emptyReadsToLook) {}
 
   /// Takes the next frame of the lowest class without waiting. `*size` is what came behind the type word.
   /// `*sender` is the process that sent it, where the queue held nothing else; 0 where that is not known.
@@ -99,9 +107,8 @@ class IpcQueueReader {
   ssize_t Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const;
   bool LooksEmpty(uint32_t* sender) const;
 
-  static constexpr uint32_t kEmptyReadsToLook = 64;  ///< for messages of classes that nobody reads
-
   int32_t queueId_;
+  uint32_t emptyReadsToLook_;
   uint32_t emptyReads_ = 0;
   bool empty_ = false;  ///< the queue was, when it was last looked at
 };

@@ -20,7 +20,9 @@ union SemArgument {
   struct semid_ds* state;
 };
 
-bool IsOurs(int32_t semaphoreId) {
+}  // namespace
+
+bool SemapIsOurs(int32_t semaphoreId) {
   struct semid_ds state = {};
   if (semctl(semaphoreId, kOnly, IPC_STAT, SemArgument{.state = &state}) != 0) return false;
   if (IpcIsOurs(state.sem_perm)) return true;
@@ -28,11 +30,9 @@ bool IsOurs(int32_t semaphoreId) {
   return false;
 }
 
-}  // namespace
-
 uint32_t CreateSemap(int32_t key, int32_t* semaphoreId) {
   *semaphoreId = semget(key, 1, IPC_CREAT | kMode);
-  if (*semaphoreId >= 0 && IsOurs(*semaphoreId)) return kSuccess;
+  if (*semaphoreId >= 0 && SemapIsOurs(*semaphoreId)) return kSuccess;
   *semaphoreId = kSemapNone;
   return kFailure;
 }

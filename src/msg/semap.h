@@ -15,6 +15,9 @@ inline constexpr uint32_t kSemapTimeout = 2;  ///< the time passed, or a signal 
 /// says why, EPERM for the latter; `*semaphoreId` is kSemapNone then
 [[nodiscard]] uint32_t CreateSemap(int32_t key, int32_t* semaphoreId);
 
+/// Whether the semaphore is there and the platform's own; errno says why not, EPERM for the latter.
+[[nodiscard]] bool SemapIsOurs(int32_t semaphoreId);
+
 /// Adds `value` (raises), or waits until -`value` can be taken off and takes it. A wait of 0 looks once.
 /// @retval kSemapTimeout a wait that ended without it @retval 1 the semaphore is gone or may not be touched
 [[nodiscard]] uint32_t OperSemap(int32_t semaphoreId, int16_t value, uint32_t timeoutMs);

@@ -427,7 +427,27 @@ TEST_F(SupervisorTest, ProcessThatAnotherRegisteredIsNeverSignalled) {
   (void)StepAt(130000);
   EXPECT_TRUE(StepAt(131000));
   EXPECT_EQ(registry_.FindByPid(1), nullptr);
-  EXPECT_THAT(done_, IsEmpty());
+  Start(1);
+  alive_.clear();
+  EXPECT_TRUE(StepAt(140000));
+  (void)StepAt(300000);
+  EXPECT_THAT(done_, IsEmpty()) << "a program was started in another's name";
+}
+
+TEST_F(SupervisorTest, RunningProcessKeepsItsPlace) {
+  Start(1);
+  Start(2);
+  IpcRegisterMsg record = Record(1, "app1");
+  EXPECT_FALSE(supervisor_.IsHeld(record)) << "it may register again";
+  record.queueId = 1;
+  EXPECT_TRUE(supervisor_.IsHeld(record));
+  record = Record(3, "app2");
+  EXPECT_TRUE(supervisor_.IsHeld(record));
+  confirmed_ = false;
+  EXPECT_FALSE(supervisor_.IsHeld(record)) << "its queue was made anew by the process that took over";
+  confirmed_ = true;
+  alive_.erase(2);
+  EXPECT_FALSE(supervisor_.IsHeld(record));
 }
 
 std::string Content(const std::string& file) {
@@ -511,6 +531,21 @@ TEST(ProcessControl, ProcessIsKnownEndedAndStartedAgainWithItsArguments) {
   EXPECT_TRUE(ProcessIsAlive(second)) << "a later process of the same id was taken for the one that is meant";
   SignalProcess(second, SIGKILL);
   EXPECT_EQ(waitpid(again, nullptr, 0), again);
+}
+
+TEST(ProcessControl, ProgramOfTheSuperusersIsStartedAsWhoeverRanIt) {
+  if (geteuid() != 0) GTEST_SKIP() << "only the superuser can act as two users";
+  constexpr uid_t kOther = 4711;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (setresuid(kOther, 0, 0) == 0) execl("/bin/sleep", "sleep", "1000.5", nullptr);
+    _exit(1);
+  }
+  ProcessImage image;
+  while (!ReadProcessImage(pid, image) || image.arguments[0] != "sleep") (void)usleep(1000);
+  EXPECT_EQ(image.user, kOther);
+  SignalProcess(image, SIGKILL);
+  EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
 TEST(StatusReport, IdsStandInRangesAndNamesCannotBreakTheObject) {

@@ -27,6 +27,7 @@ constexpr uint32_t kIdleWaitMs = 200;
 constexpr uint32_t kKeptWaitMs = 5;  ///< while frames wait for room in a queue
 constexpr uint32_t kErrorWaitMs = 200;
 constexpr uint32_t kFramesARound = 1024;
+constexpr uint32_t kEmptyReadsToLook = 8;  ///< at a read each 200 ms sooner than a sender gives up
 constexpr uint64_t kLookMs = 1000;
 constexpr uint64_t kNsPerMs = 1000000;
 constexpr char kUpdateProcess[] = "update_active";  ///< the platform has a script to start it
@@ -96,7 +97,7 @@ uint32_t MainQueue::Open() {
     return 1;
   uint32_t handle = 0;
   if (KEL_HandleInitialize("main queue", &handle) != 0 || classes_.Init(handle) != 0) return 1;
-  reader_ = IpcQueueReader(queueId_);
+  reader_ = IpcQueueReader(queueId_, kEmptyReadsToLook);
   LOG_EVT(kLogModule, "main queue %d, public semaphore %d", queueId_, semaphoreId_);
   return 0;
 }
@@ -224,6 +225,9 @@ bool MainQueue::HandleRegister(uint32_t pid, std::span<const uint8_t> data, uint
   const QueueFill queue = FillOf(record.queueId);
   // A queue that another process reads is not this one's.
   if (!queue.exists || (queue.state.reader != 0 && queue.state.reader != pid)) return false;
+  // What the main process may write to, and whoever registers may not, stays as it is.
+  if (!IpcQueueIsOurs(static_cast<int32_t>(record.queueId))) return false;
+  if (!SemapIsOurs(record.semaphoreId)) record.semaphoreId = kSemapNone;
   const RegisterResult result = TryRegister(pid, record, ids, nowMs);
   if (result == kRegistered) {
     LOG_EVT(kLogModule, "process %u registered as %s", pid, record.name);
@@ -246,6 +250,7 @@ RegisterResult MainQueue::TryRegister(uint32_t pid, const IpcRegisterMsg& record
       !ReadProcessImage(static_cast<pid_t>(pid), image) || supervisor_.IsEnding(image)) {
     return kRegisterErrRecord;
   }
+  if (supervisor_.IsHeld(record)) return kRegisterErrTaken;
   std::vector<uint16_t> refused;
   const RegisterResult result = registry_.Register(record, ids, nowMs, refused);
   if (result != kRegistered) return result;

@@ -5,7 +5,6 @@
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -56,6 +55,17 @@ bool ReadStat(pid_t pid, char& state, unsigned long long& startTicks) {
                 &startTicks) == 2;
 }
 
+/// The user and group that started the process, not those whose rights it has: whoever runs a program of the
+/// superuser's may not have it started by the superuser.
+bool ReadIds(pid_t pid, ProcessImage& image) {
+  const std::string status = ReadSome(ProcPath(pid, "status"), kStatMax);
+  const size_t user = status.find("\nUid:");
+  const size_t group = status.find("\nGid:");
+  return user != std::string::npos && group != std::string::npos &&
+         sscanf(status.c_str() + user, "\nUid: %u", &image.user) == 1 &&
+         sscanf(status.c_str() + group, "\nGid: %u", &image.group) == 1;
+}
+
 /// Runs in the child: plain system calls only.
 [[noreturn]] void BecomeProcess(const ProcessImage& image, char* const* arguments) {
   sigset_t none;
@@ -80,13 +90,10 @@ bool ReadStat(pid_t pid, char& state, unsigned long long& startTicks) {
 bool ReadProcessImage(pid_t pid, ProcessImage& image) {
   char state = 0;
   unsigned long long startTicks = 0;
-  struct stat owner = {};
-  if (!ReadStat(pid, state, startTicks) || stat(ProcPath(pid, "").c_str(), &owner) != 0) return false;
   image = {};
+  if (!ReadStat(pid, state, startTicks) || !ReadIds(pid, image)) return false;
   image.pid = pid;
   image.startTicks = startTicks;
-  image.user = owner.st_uid;
-  image.group = owner.st_gid;
   image.program = ReadLink(ProcPath(pid, "exe"));
   if (image.program.ends_with(kReplaced)) image.program.resize(image.program.size() - sizeof(kReplaced) + 1);
   image.directory = ReadLink(ProcPath(pid, "cwd"));

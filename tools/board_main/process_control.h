@@ -13,7 +13,7 @@ namespace board_main {
 struct ProcessImage {
   pid_t pid = 0;
   uint64_t startTicks = 0;  ///< since the machine's start
-  uid_t user = 0;
+  uid_t user = 0;           ///< who started it
   gid_t group = 0;
   std::string program;  ///< full path
   std::string directory;

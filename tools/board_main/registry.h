@@ -38,6 +38,7 @@ enum RegisterResult : uint32_t {
   kRegisterErrVersion = 1,  ///< it speaks another version of the messages
   kRegisterErrRecord = 2,   ///< a field that cannot be: process id, queue id, name
   kRegisterErrFull = 3,     ///< 64 applications are registered
+  kRegisterErrTaken = 4,    ///< a process that runs and reads another queue has its name or process id
 };
 
 struct RegisteredApp {

@@ -1,7 +1,9 @@
 #include "board_main/supervisor.h"
 
 #include <signal.h>
+#include <string.h>
 
+#include <string_view>
 #include <utility>
 
 namespace board_main {
@@ -21,7 +23,7 @@ bool IsSilent(const RegisteredApp& app, uint64_t nowMs) {
 }  // namespace
 
 void Supervisor::Registered(const std::string& name, const ProcessImage& image) {
-  images_[static_cast<uint32_t>(image.pid)] = image;
+  known_[static_cast<uint32_t>(image.pid)] = {image, false};
   pending_.remove_if([&](const Pending& pending) { return pending.name == name && !pending.ending; });
 }
 
@@ -33,14 +35,24 @@ bool Supervisor::IsEnding(const ProcessImage& image) const {
   return false;
 }
 
+bool Supervisor::IsHeld(const IpcRegisterMsg& record) const {
+  const std::string_view name(record.name, strnlen(record.name, sizeof(record.name)));
+  for (const RegisteredApp* app : {registry_.FindByPid(record.pid), registry_.FindByName(name)}) {
+    if (app == nullptr || app->queue.queueId == record.queueId) continue;
+    const auto known = known_.find(app->queue.pid);
+    if (known != known_.end() && actions_.alive(known->second.image) && actions_.confirmed(*app)) return true;
+  }
+  return false;
+}
+
 bool Supervisor::Restart(uint32_t pid, uint64_t nowMs) {
   const RegisteredApp* app = registry_.FindByPid(pid);
-  const auto image = images_.find(pid);
-  if (app == nullptr || image == images_.end() || !actions_.confirmed(*app)) return false;
+  const auto known = known_.find(pid);
+  if (app == nullptr || known == known_.end() || !actions_.confirmed(*app)) return false;
   actions_.report(app->name, "is ended and started again");
-  actions_.signal(image->second, SIGTERM);
-  pending_.push_back({app->name, image->second, true, nowMs + kTermWaitMs, TimeoutMs(*app)});
-  images_.erase(image);
+  actions_.signal(known->second.image, SIGTERM);
+  pending_.push_back({app->name, known->second.image, true, nowMs + kTermWaitMs, TimeoutMs(*app)});
+  known_.erase(known);
   registry_.Drop(pid);
   return true;
 }
@@ -48,10 +60,11 @@ bool Supervisor::Restart(uint32_t pid, uint64_t nowMs) {
 bool Supervisor::Step(uint64_t nowMs) {
   bool changed = false;
   const std::set<uint32_t> silentBefore = std::exchange(silent_, {});
-  std::erase_if(images_, [&](const auto& each) { return registry_.FindByPid(each.first) == nullptr; });
+  std::erase_if(known_, [&](const auto& each) { return registry_.FindByPid(each.first) == nullptr; });
   for (const RegisteredApp& app : registry_.Apps()) {
-    const auto image = images_.find(app.queue.pid);
-    if (image != images_.end() && actions_.alive(image->second)) {
+    const auto known = known_.find(app.queue.pid);
+    if (known != known_.end() && !known->second.confirmed) known->second.confirmed = actions_.confirmed(app);
+    if (known != known_.end() && actions_.alive(known->second.image)) {
       if (IsSilent(app, nowMs)) silent_.insert(app.queue.pid);
       if (IsSilent(app, nowMs) && silentBefore.contains(app.queue.pid)) {
         actions_.report(app.name, "sends no heart beat");
@@ -61,10 +74,11 @@ bool Supervisor::Step(uint64_t nowMs) {
       continue;
     }
     actions_.report(app.name, "has gone");
-    if (TimeoutMs(app) != 0 && image != images_.end()) {
-      pending_.push_back({app.name, image->second, false, app.lastBeatMs + TimeoutMs(app), TimeoutMs(app)});
+    if (TimeoutMs(app) != 0 && known != known_.end() && known->second.confirmed) {
+      const uint64_t timeoutMs = TimeoutMs(app);
+      pending_.push_back({app.name, known->second.image, false, app.lastBeatMs + timeoutMs, timeoutMs});
     }
-    if (image != images_.end()) images_.erase(image);
+    if (known != known_.end()) known_.erase(known);
     registry_.Drop(app.queue.pid);
     changed = true;
   }

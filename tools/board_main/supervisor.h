@@ -1,9 +1,11 @@
 /// Watches the registered processes, ends those that are stuck and starts them again.
 ///
 /// A process that has gone leaves the registry at once; a supervised one is started again when its time-out
-/// has passed since its last heart beat, and again each time-out until it has registered. A supervised one
-/// that is there but silent for its time-out, at two looks in a row, is ended first, and so is one whose
-/// restart is asked for: SIGTERM, after two seconds SIGKILL. Single-threaded; times are the caller's.
+/// has passed since its last heart beat, and again each time-out until it has registered; not one that never
+/// confirmed that it was it that registered, or anybody's program could be started in another's name. A
+/// supervised one that is there but silent for its time-out, at two looks in a row, is ended first, and so is
+/// one whose restart is asked for: SIGTERM, after two seconds SIGKILL. Single-threaded; times are the
+/// caller's.
 #pragma once
 
 #include <functional>
@@ -36,6 +38,9 @@ class Supervisor {
   void Registered(const std::string& name, const ProcessImage& image);
   /// Whether the process is on its way out, so that it may not register again.
   [[nodiscard]] bool IsEnding(const ProcessImage& image) const;
+  /// Whether a process that runs and is known to be the one that registered has the record's name or process
+  /// id, with another queue: nobody takes its place, it would get its messages.
+  [[nodiscard]] bool IsHeld(const IpcRegisterMsg& record) const;
   /// Ends a registered process, takes it out of the registry and starts it again. False when there is none,
   /// or it is not known to be the one that registered.
   [[nodiscard]] bool Restart(uint32_t pid, uint64_t nowMs);
@@ -43,6 +48,10 @@ class Supervisor {
   [[nodiscard]] bool Step(uint64_t nowMs);
 
  private:
+  struct Known {
+    ProcessImage image;
+    bool confirmed;  ///< at some look
+  };
   struct Pending {
     std::string name;
     ProcessImage image;
@@ -56,7 +65,7 @@ class Supervisor {
 
   Registry& registry_;
   Actions actions_;
-  std::map<uint32_t, ProcessImage> images_;  ///< of the registered ones
+  std::map<uint32_t, Known> known_;  ///< the registered ones
   std::list<Pending> pending_;
   std::set<uint32_t> silent_;  ///< at the last look
 };
