@@ -1,4 +1,7 @@
 // Secure boot: lists beside an installed application, flipped, cut and written wrongly.
+#include <string_view>
+
+#include "securec.h"
 #include "verify/secureboot_verify.h"
 #include "verify_fixture.h"
 
@@ -130,6 +133,31 @@ TEST_F(SecureBootTest, OneFileIsComparedBeforeTheSignatureIsAsked) {
   EXPECT_EQ(Check("a"), 51000u) << "the list is read first, and a file is named with its path";
   EXPECT_EQ(Check(app_ + "b"), 50994u);
   EXPECT_EQ(Check(), 50987u) << "the other way round for all files";
+}
+
+TEST_F(SecureBootTest, HooksChangeBlockAndPathsForEveryStepOrRefuse) {
+  Install("FileNum=1\n" + Entry("a", "other") + path_);
+  Install("FileNum=1\n" + Entry("a", "first") + "FilePath=here\n", "gst_");
+  SetSecureBootMultiSign([](SIGNATURE_VERIFY_BLOCK_S& block) {
+    const std::string list = block.contentPath, directory = list.substr(0, list.rfind('/'));
+    return MakeSecureBootFullFilePathByMode(block, directory.c_str(), "demo", kSecureBootMode2);
+  });
+  SetSecureBootAdjustPath([](const char* list, uint32_t adjust, char* path, size_t size) {
+    const std::string_view text = list;
+    if (adjust != 0 || std::string_view(path) != "here") return 7u;
+    return static_cast<uint32_t>(strncpy_s(path, size, list, text.rfind('/') + 1));
+  });
+  EXPECT_EQ(Check(), 0u) << "the caller's list was looked at";
+  EXPECT_EQ(Check(app_ + "a"), 0u);
+  EXPECT_EQ(VerifyFileHashInfFilelist((app_ + "gst_demo_filelist.txt").c_str(), 1), 7u);
+  testpki::WriteFile(app_ + "gst_demo_filelist.cms", "no signature");
+  EXPECT_EQ(Check(), 50987u) << "the caller's signature was looked at";
+  EXPECT_EQ(Check(app_ + "a"), 50987u);
+  SetSecureBootMultiSign([](SIGNATURE_VERIFY_BLOCK_S&) { return 8u; });
+  EXPECT_EQ(Check(), 8u);
+  EXPECT_EQ(Check(app_ + "a"), 8u);
+  SetSecureBootMultiSign(nullptr);
+  SetSecureBootAdjustPath(nullptr);
 }
 
 }  // namespace
