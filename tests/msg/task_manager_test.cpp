@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <bit>
-#include <random>
 #include <thread>
 
 #include "support/log_capture.h"
@@ -82,38 +80,29 @@ TEST(TaskManagerTest, ACallbackOfFiveSecondsIsLoggedOnce) {
   KEL_ClockModeSet(kKelClockReal);
 }
 
-TEST(TaskManagerTest, BitsAreGivenOutAsAModelSays) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE(::testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
+TEST(TaskManagerTest, BitsAreGivenOutLowestFirstAndTakenBack) {
   support::LogCapture log(kLogErr);
   log.Clear();
   CTaskManager manager;  // without a task: what is looked at is the bits alone
-  uint32_t used = 0, bound = 0;
-  for (uint32_t step = 0; step < 10000; ++step) {
-    const uint32_t event = 1u << random() % 32 | (random() % 16 == 0 ? 1u << random() % 32 : 0);
-    const bool single = std::has_single_bit(event);
-    const uint32_t change = single ? event : 0;
-    const auto operation = random() % 5;
-    if (operation < 2) {
-      const uint32_t free = ~used & 0xFFFFFFFE;
-      const uint32_t lowest = free & (~free + 1);
-      uint32_t given = 0;
-      ASSERT_EQ(manager.ApplyTaskEvent(given), lowest != 0 ? 0u : 1u);
-      ASSERT_EQ(given, lowest);
-      used |= lowest;
-    } else if (operation == 2) {
-      const bool fits = single && (bound & event) == 0;
-      ASSERT_EQ(manager.RegEventFuncToTask(event, Loop::Note, nullptr), fits ? 0u : 1u);
-      bound |= change;
-      if (fits) used |= change;
-    } else {
-      const bool unbind = operation == 3;
-      ASSERT_EQ(unbind ? manager.UnregEventFuncToTask(event) : manager.ReleaseTaskEvent(event),
-                single ? 0u : 1u);
-      used &= ~change;
-      if (unbind) bound &= ~change;
-    }
+  uint32_t given = 0, all = 0x8;
+  EXPECT_EQ(manager.RegEventFuncToTask(0x4, Loop::Note, nullptr), 0u);
+  for (const uint32_t expected : {0x2u, 0x8u}) {
+    EXPECT_EQ(manager.ApplyTaskEvent(given), 0u);
+    EXPECT_EQ(given, expected);
+  }
+  EXPECT_EQ(manager.ReleaseTaskEvent(0x2), 0u);
+  EXPECT_EQ(manager.RegEventFuncToTask(0x4, Loop::Note, nullptr), 1u);
+  EXPECT_EQ(manager.UnregEventFuncToTask(0x4), 0u);
+  EXPECT_THAT(log.Lines(), ElementsAre("apply event 0x2 used 0x6", "apply event 0x8 used 0xe",
+                                       "release event 0x2 used 0xc", "repeat registration 0x4 used 0xc",
+                                       "release event 0x4 used 0x8"));
+  while (manager.ApplyTaskEvent(given) == 0) all |= given;
+  EXPECT_EQ(all, 0xFFFFFFFEu) << "0x1 is never handed out";
+  EXPECT_EQ(given, 0x80000000u) << "a refusal gave something";
+  for (const uint32_t event : {0u, 0x3u}) {
+    EXPECT_EQ(manager.RegEventFuncToTask(event, Loop::Note, nullptr), 1u);
+    EXPECT_EQ(manager.UnregEventFuncToTask(event), 1u);
+    EXPECT_EQ(manager.ReleaseTaskEvent(event), 1u);
   }
 }
 
