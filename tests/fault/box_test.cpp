@@ -191,6 +191,15 @@ TEST_F(BoxTest, StuckTaskIsRecordedWithAllOthersBeforeTheAgentEndsTheProcess) {
   }
 }
 
+TEST_F(BoxTest, RegistersTellTheFaultAndWhereItWas) {
+#ifdef TOLA_EMULATED
+  GTEST_SKIP();  // the emulator leaves both of them 0
+#endif
+  ASSERT_EQ(Crash("null").status, 128 + 11);
+  EXPECT_THAT(CrashFile(), ContainsRegex("trap_no, Val =  0x0+e;Reg:    err_code"));
+  EXPECT_THAT(CrashFile(), ContainsRegex("fault_addr, Val =  0x0+40;\n"));
+}
+
 TEST_F(BoxTest, FullDiskCutsTheFileAndNothingElse) {
   EXPECT_EQ(Crash("full").status, 128 + 11);
   EXPECT_EQ(CrashFile().size(), 3000u);
