@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "base/result_codes.h"
 #include "log/run_log.h"
@@ -27,7 +28,8 @@ class RoomWait {
   /// False when 5 s have been waited already.
   bool Next() {
     if (turns_ < kTurns) {
-      IpcPause(turns_++);
+      ++turns_;
+      IpcPause();
       return true;
     }
     if (waitedMs_ >= kIpcSendWaits * kIpcSendWaitMs) return false;
@@ -44,31 +46,46 @@ class RoomWait {
   uint32_t waitedMs_ = 0;
 };
 
-bool PutFrame(int32_t queueId, const IPC_MSG_S& frame, IpcWait wait) {
-  RoomWait room;
-  while (msgsnd(queueId, &frame, kIpcFrameHead + frame.length, IPC_NOWAIT) != 0) {
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN || wait == IpcWait::kNever || !room.Next()) return false;
+/// Puts frames into one queue and raises the semaphore as often. Raises are made together when there is no
+/// room for more, and at the end: whoever reads what has come in the meantime need not be told again and
+/// again.
+class FrameSender {
+ public:
+  FrameSender(const IpcTarget& target, IpcWait wait) : target_(target), wait_(wait) {}
+  ~FrameSender() { Raise(); }
+  FrameSender(const FrameSender&) = delete;
+  FrameSender& operator=(const FrameSender&) = delete;
+
+  bool Put(const IPC_MSG_S& frame) {
+    RoomWait room;
+    while (msgsnd(target_.queueId, &frame, kIpcFrameHead + frame.length, IPC_NOWAIT) != 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN || wait_ == IpcWait::kNever) return false;
+      Raise();
+      if (!room.Next()) return false;
+    }
+    ++raises_;
+    return true;
   }
-  return true;
-}
+
+ private:
+  void Raise() {
+    const int16_t raises = std::exchange(raises_, int16_t{0});
+    if (raises == 0 || target_.semaphoreId == kSemapNone) return;
+    if (OperSemap(target_.semaphoreId, raises, 0) != 0) LOG_ERR(kLogModule, "semap oper failed.");
+  }
+
+  const IpcTarget& target_;
+  IpcWait wait_;
+  int16_t raises_ = 0;
+};
+static_assert(kIpcFramesMax <= INT16_MAX);
 
 }  // namespace
 
-void IpcPause(uint32_t turn) {
-  constexpr uint32_t kYieldEvery = 4;  // the other one may need this very processor
-  constexpr uint32_t kSpins = 16;      // meanwhile the queue's lock, on which both of us are, is left alone
-  if (turn % kYieldEvery == kYieldEvery - 1) {
-    (void)sched_yield();
-    return;
-  }
-  for (uint32_t i = 0; i < kSpins; ++i) {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#else
-    __asm__ __volatile__("" ::: "memory");
-#endif
-  }
+void IpcPause() {
+  // Not a spin: each look takes the queue's lock, and the other one may need this very processor.
+  (void)sched_yield();
 }
 
 uint32_t IpcUserGet(const char* user, uid_t* uid, gid_t* gid) {
@@ -129,11 +146,9 @@ uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state) {
 }
 
 uint32_t IpcSendFrame(const IpcTarget& target, const IPC_MSG_S& frame, IpcWait wait) {
-  if (frame.length > kIpcPayloadMax || !PutFrame(target.queueId, frame, wait)) return kIpcErrSend;
-  if (target.semaphoreId != kSemapNone && OperSemap(target.semaphoreId, 1, 0) != 0) {
-    LOG_ERR(kLogModule, "semap oper failed.");
-  }
-  return kSuccess;
+  if (frame.length > kIpcPayloadMax) return kIpcErrSend;
+  FrameSender sender(target, wait);
+  return sender.Put(frame) ? kSuccess : kIpcErrSend;
 }
 
 uint32_t IpcSendMessage(const IpcTarget& target, const IpcEnvelope& envelope, const tagMsgBuf* msg,
@@ -146,10 +161,10 @@ uint32_t IpcSendMessage(const IpcTarget& target, const IpcEnvelope& envelope, co
   frame.urgent = envelope.urgent ? 1 : 0;
   frame.reserved = 0;
   const uint32_t count = IpcFrameCount(GetTolaMsgLen(msg));
+  FrameSender sender(target, wait);
   for (uint32_t index = 0; index < count; ++index) {
     IpcCutFrame(msg, index, &frame);
-    const uint32_t ret = IpcSendFrame(target, frame, wait);
-    if (ret != 0) return ret;
+    if (!sender.Put(frame)) return kIpcErrSend;
   }
   return kSuccess;
 }

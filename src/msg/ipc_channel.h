@@ -1,4 +1,4 @@
-/// One road to a process: its System V queue and the semaphore that is raised after every frame.
+/// One road to a process: its System V queue and the semaphore that is raised once for every frame.
 ///
 /// Opening with a look at who owns what was opened, sending with the wait for room, reading the lowest class
 /// first. Any thread may send; a queue has one reading thread.
@@ -55,8 +55,8 @@ struct IpcQueueState {
 /// @retval 1 the queue is gone or not ours
 [[nodiscard]] uint32_t IpcQueueStateGet(int32_t queueId, IpcQueueState* state);
 
-/// A moment's wait for the process at the other end of a queue; `turn` counts them from 0.
-void IpcPause(uint32_t turn);
+/// A moment's wait for the process at the other end of a queue.
+void IpcPause();
 
 /// Where frames go.
 struct IpcTarget {
@@ -81,7 +81,8 @@ enum class IpcWait {
 /// @retval kIpcErrSend
 [[nodiscard]] uint32_t IpcSendFrame(const IpcTarget& target, const IPC_MSG_S& frame, IpcWait wait);
 
-/// Cuts `msg` and sends its frames one by one; the first that fails ends it. The message stays the caller's.
+/// Cuts `msg` and sends its frames one by one; the first that fails ends it. The frames' raises are made
+/// together, at a full queue and at the end. The message stays the caller's.
 /// @retval kIpcErrSend
 [[nodiscard]] uint32_t IpcSendMessage(const IpcTarget& target, const IpcEnvelope& envelope,
                                       const tagMsgBuf* msg, IpcWait wait);

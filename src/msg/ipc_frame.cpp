@@ -5,6 +5,7 @@
 #include "base/check.h"
 #include "base/result_codes.h"
 #include "log/run_log.h"
+#include "msg/process_msg_manager.h"
 #include "securec.h"
 #include "velto/kel_mem.h"
 
@@ -24,9 +25,10 @@ tagMsgBuf HeadOf(const IPC_MSG_S& frame) {
   return head;
 }
 
-/// A buffer for the message with `head` and `length` data bytes.
+/// A buffer for the message with `head` and `length` data bytes. It is not cleared: a message is handed out
+/// only when frames have filled all of it.
 tagMsgBuf* AllocAs(const tagMsgBuf& head, uint32_t length) {
-  tagMsgBuf* msg = TOLA_MsgAlloc(head.source, head.type, head.subType, length);
+  tagMsgBuf* msg = MsgAllocUncleared(head.source, head.type, head.subType, length);
   if (msg != nullptr) msg->destination = head.destination;
   return msg;
 }

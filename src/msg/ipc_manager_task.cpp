@@ -49,7 +49,8 @@ void CIpcManager::OnReadEvent() {
       continue;
     }
     if (looks == (frames >= kBusyFrames ? kLooksWhenBusy : kLooks)) break;
-    IpcPause(looks++);
+    ++looks;
+    IpcPause();
   }
   DrainSemap(endpoint_.semapId);
   (void)ReadQueue();  // what the raises that went just now announced; later ones wake the reader task

@@ -34,19 +34,25 @@ uint32_t GetTolaMsgLen(const tagMsgBuf* msg) {
   return ((static_cast<uint32_t>(msg->lengthHigh) << 16) & 0xFF0000u) + msg->lengthLow;
 }
 
-tagMsgBuf* TOLA_MsgAlloc(uint16_t source, uint16_t type, uint16_t subType, uint32_t length) {
+tagMsgBuf* MsgAllocUncleared(uint16_t source, uint16_t type, uint16_t subType, uint32_t length) {
   if (length > kMsgMaxDataLength) return nullptr;  // the header could not tell it, and bytes would be lost
   const uint32_t size = length + kMsgHeadSize;
   void* memory = KEL_MemAlloc_F(g_memHandle.load(std::memory_order_acquire),
                                 g_partition.load(std::memory_order_relaxed), size, __FILE__, __LINE__);
   if (memory == nullptr) return nullptr;
-  std::fill_n(static_cast<uint8_t*>(memory), size, uint8_t{0});
   auto* msg = static_cast<tagMsgBuf*>(memory);
+  *msg = {};
   msg->source = source;
   msg->type = type;
   msg->subType = subType;
   SetTolaMsgLen(msg, length);
   if (MsgMemStatisticBase* statistic = GetMsgMemStatisticInstance()) statistic->OnAlloc(source, length);
+  return msg;
+}
+
+tagMsgBuf* TOLA_MsgAlloc(uint16_t source, uint16_t type, uint16_t subType, uint32_t length) {
+  tagMsgBuf* msg = MsgAllocUncleared(source, type, subType, length);
+  if (msg != nullptr) std::fill_n(TolaMsgData(msg), length, uint8_t{0});
   return msg;
 }
 
