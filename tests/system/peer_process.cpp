@@ -2,7 +2,8 @@
 /// task that exchanges messages with its twin and compares every byte of them.
 ///
 /// Files in /run steer it: "exchange" starts the exchange, "exchange.stop" ends it, "<name>.stick" stops the
-/// task's heart beat, "<name>.fill" uses up the memory. How it stands is one line in "/log/<name>.result".
+/// task's heart beat, "<name>.fill" uses up the memory, "<name>.map" asks for its memory map. How it stands
+/// is one line in "/log/<name>.result".
 
 #include <stdio.h>
 #include <string.h>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "fault/box.h"
 #include "fault/feature_fault_manager.h"
 #include "frame/feature_identity.h"
 #include "frame/feature_process.h"
@@ -156,6 +158,11 @@ void Exchange::ObeyFiles() const {
     while (KEL_MemGetFreeSize() > KEL_MemGetTotalSize() / 20) {
       if (KEL_MEM_ALLOC(handle, 1024 * 1024) == nullptr) break;  // is never given back
     }
+  }
+  if (unlink((own + ".map").c_str()) == 0) {  // as its box does when it may not read the map itself
+    const std::string command =
+        "cat /proc/" + std::to_string(getpid()) + "/maps >> /log/root_log/" + kName + ".map.tmp";
+    (void)SendSystemCmdExecMsg(command.c_str(), static_cast<uint16_t>(command.size() + 1), 0);
   }
   if (unlink((own + ".stick").c_str()) == 0) {
     uint32_t received = 0;
