@@ -171,6 +171,9 @@ INSTANTIATE_TEST_SUITE_P(Ends, BoxEndTest,
                          [](const auto& tested) { return tested.param.end; });
 
 TEST_F(BoxTest, SecondFaultMeanwhileWritesItsBlockAloneAndAsksNobodyAgain) {
+#ifdef TOLA_EMULATED
+  GTEST_SKIP();  // the kernel, which is asked for the tasks' signals, knows the emulator's alone
+#endif
   EXPECT_THAT(Crash("twice").status, testing::AnyOf(128 + 8, 128 + 11));
   std::map<int, int> bySignal;
   for (const Block& block : Blocks(CrashFile())) {
