@@ -93,6 +93,16 @@ TEST_F(PlatformTest, ProcessesAreKnownAgainAfterTheMainProcessAndAreKeptRunning)
   EXPECT_EQ(Ask("--authorise"), 0) << "the way through a new main process";
   EXPECT_EQ(board_.Shell("board_main --socket /run/board_main.sock").status, 1) << "a second main process";
 
+  board_.Shell(
+      "ipcrm -q $(sed -n 's/.*main queue \\([0-9]*\\),.*/\\1/p' /mnt/sub_bin/sys_log/board_main_run_log.log"
+      " | tail -n 1)");
+  int result = -1;
+  for (int step = 0; step < kWaitSteps && result != 0; ++step) {
+    (void)usleep(10000);
+    result = Ask("--authorise");
+  }
+  EXPECT_EQ(result, 0) << "a main queue that is gone is made anew";
+
   EXPECT_EQ(board_.Exec({"update_request", "--restart", "update_active"}).status, 0);
   EXPECT_TRUE(AnotherDaemonComes(first));
   EXPECT_EQ(board_.Exec({"update_request", "--restart", "init"}).status, 1) << "not registered";

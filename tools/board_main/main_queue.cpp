@@ -91,12 +91,16 @@ MainQueue::MainQueue()
            }}) {}
 
 uint32_t MainQueue::Open() {
+  uint32_t handle = 0;
+  if (KEL_HandleInitialize("main queue", &handle) != 0 || classes_.Init(handle) != 0) return 1;
+  return OpenObjects();
+}
+
+uint32_t MainQueue::OpenObjects() {
   const key_t key = ftok(kIpcMainPath, kIpcProject);
   if (key == -1 || IpcQueueOpen(key, &queueId_) != 0 || ChangeQueenOwner(queueId_, kIpcOwner) != 0) return 1;
   if (CreateSemap(kSemapPublicKey, &semaphoreId_) != 0 || ChangeSemapOwner(semaphoreId_, kIpcOwner) != 0)
     return 1;
-  uint32_t handle = 0;
-  if (KEL_HandleInitialize("main queue", &handle) != 0 || classes_.Init(handle) != 0) return 1;
   reader_ = IpcQueueReader(queueId_, kEmptyReadsToLook);
   LOG_EVT(kLogModule, "main queue %d, public semaphore %d", queueId_, semaphoreId_);
   return 0;
@@ -132,6 +136,13 @@ void MainQueue::Run() {
   }
 }
 
+/// Where somebody has removed the queue or the semaphore they are made anew: without them nobody is heard,
+/// and those that are supervised would be ended as silent.
+void MainQueue::KeepObjects() {
+  if (FillOf(static_cast<uint32_t>(queueId_)).exists && GetSemapVal(semaphoreId_) >= 0) return;
+  LOG_ERR(kLogModule, "main queue or public semaphore removed, opened again:%u", OpenObjects());
+}
+
 /// Reads what is there, passes on what was kept, looks at the processes. @return how long to wait at most
 uint32_t MainQueue::Round() {
   const std::lock_guard lock(mutex_);
@@ -139,6 +150,7 @@ uint32_t MainQueue::Round() {
   const bool isEmpty = ReadSome(nowMs);
   if (nowMs - lookedMs_ >= kLookMs) {
     lookedMs_ = nowMs;
+    KeepObjects();
     std::erase_if(children_, [](pid_t pid) { return waitpid(pid, nullptr, WNOHANG) != 0; });
     if (supervisor_.Step(nowMs)) RegistryChanged(nowMs);
   }

@@ -44,6 +44,8 @@ class MainQueue {
   [[nodiscard]] bool Debug(const std::string& name, const std::vector<uint16_t>& words, uint16_t& result);
 
  private:
+  [[nodiscard]] uint32_t OpenObjects();
+  void KeepObjects();
   static void TaskEntry(uintptr_t self, uintptr_t, uintptr_t, uintptr_t);
   void Run();
   [[nodiscard]] uint32_t Round();
