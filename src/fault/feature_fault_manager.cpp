@@ -8,6 +8,7 @@
 #include "fault/fault_debug.h"
 #include "log/run_log.h"
 #include "msg/heart_beat_manager.h"
+#include "securec.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_sync.h"
 #include "velto/kel_task.h"
@@ -37,6 +38,14 @@ constexpr int kStuckTaskStatus = 17;
 
 constexpr size_t kTimerSlots = 6;
 std::array<std::atomic<FaultTimer1sFunc>, kTimerSlots> g_timerSlots = {};
+
+/// Whether another process's fault agent refuses a message with this one. An answer to it would be refused
+/// and answered in turn, for ever; so would one to oneself.
+bool IsRefusal(const tagMsgBuf& msg) {
+  uint16_t result = 0;
+  if (msg.source == kFaultManagerModule || GetTolaMsgLen(&msg) != sizeof(result)) return false;
+  return memcpy_s(&result, sizeof(result), TolaMsgData(&msg), sizeof(result)) == EOK && result == kFailure;
+}
 
 }  // namespace
 
@@ -167,7 +176,7 @@ void CFeatureFaultManager::ProcessMsg(const tagMsgBuf& msg) {
   if (result != 0) {
     LOG_ERR(kLogModule, "%d->%d Ty:%#x Err:%#x", msg.source, msg.destination, msg.type, result);
   }
-  if (msg.source == moduleId_) return;  // a reply to oneself would be a request that is replied to, for ever
+  if (msg.source == moduleId_ || IsRefusal(msg)) return;
   const auto answer = static_cast<uint16_t>(result);
   (void)SendSimpleFormatMsg(msg.destination, msg.source, msg.type, msg.subType, sizeof(answer),
                             &answer);  // a reply that nobody takes is logged by the message manager

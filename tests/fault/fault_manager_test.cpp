@@ -113,6 +113,8 @@ TEST_F(FaultManagerTest, DebugRequestsAreTheFaultManagersAlone) {
   EXPECT_THAT(log_.Lines(), testing::IsSupersetOf({"7->1056 Ty:0xa0d Err:0x1", "6->1056 Ty:0xa0d Err:0x1"}));
   EXPECT_EQ(Ask(kDebug, level), 0);
   EXPECT_EQ(GetPrintPara(300), 0x32);
+  EXPECT_EQ(Tell(0x123, {1, 0}, kStranger), 0u);
+  EXPECT_EQ(Ask(0x124, {}, kStranger), 1) << "two agents would refuse each other's answers for ever";
 }
 
 TEST(FaultThreshold, TakesOneToNinetyNinePercentAndANameOfThirtyBytes) {
