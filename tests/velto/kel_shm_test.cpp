@@ -191,6 +191,9 @@ TEST_F(KelShmTest, WrongArgumentsAreRefused) {
 }
 
 TEST(ShmPartition, ADeathWithTheLockLeavesAPartitionThatRefusesButNeverBlocks) {
+#ifdef TOLA_EMULATED
+  GTEST_SKIP() << "the emulator does not hand the list of a thread's robust locks to the kernel";
+#endif
   const auto size = static_cast<size_t>(velto::ShmPartition::SizeOf(kSize, kEntries));
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(memory, MAP_FAILED);
