@@ -54,10 +54,12 @@ bool Board::WaitFor(const std::string& condition) const {
 }
 
 void Board::StartDaemon() const {
+  const std::string starts =
+      "cat /mnt/sub_bin/sys_log/update_active_run_log.log 2>/dev/null | grep -c 'AfterComp, ret=0$'";
+  const std::string before = Shell(starts).output;  // of the daemons before this one
   EXPECT_EQ(Exec({"/app_run/app_bin/script/update_common.sh"}).status, 0);
-  EXPECT_TRUE(WaitFor("grep -q 'AfterComp, ret=0$' /mnt/sub_bin/sys_log/update_active_run_log.log"))
-      << "the daemon did not come up:\n"
-      << Read("/log/update_active.out");
+  EXPECT_TRUE(WaitFor("test $(" + starts + ") -gt " + before)) << "the daemon did not come up:\n"
+                                                               << Read("/log/update_active.out");
 }
 
 void Board::StartMain() const {
