@@ -4,7 +4,8 @@
 #include <grp.h>
 #include <limits.h>
 #include <signal.h>
-#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,22 +49,29 @@ std::string ReadLink(const std::string& path) {
 /// State and start time of a process: the 3rd and the 22nd field, of which the 2nd is a name in parentheses.
 bool ReadStat(pid_t pid, char& state, unsigned long long& startTicks) {
   const std::string stat = ReadSome(ProcPath(pid, "stat"), kStatMax);
-  const size_t end = stat.rfind(')');
-  return end != std::string::npos &&
-         sscanf(stat.c_str() + end + 1,
-                " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu", &state,
-                &startTicks) == 2;
+  size_t at = stat.rfind(')');
+  if (at == std::string::npos || at + 2 >= stat.size()) return false;
+  at += 2;
+  state = stat[at];
+  for (int field = 3; field < 22 && at != std::string::npos; ++field) at = stat.find(' ', at + 1);
+  if (at == std::string::npos) return false;
+  startTicks = strtoull(stat.c_str() + at, nullptr, 10);  // the kernel's own digits
+  return true;
+}
+
+/// The first number of a row, `head` with the line end before it.
+bool ReadRow(const std::string& status, const char* head, uint32_t& number) {
+  const size_t at = status.find(head);
+  if (at == std::string::npos) return false;
+  number = static_cast<uint32_t>(strtoul(status.c_str() + at + strlen(head), nullptr, 10));
+  return true;
 }
 
 /// The user and group that started the process, not those whose rights it has: whoever runs a program of the
 /// superuser's may not have it started by the superuser.
 bool ReadIds(pid_t pid, ProcessImage& image) {
   const std::string status = ReadSome(ProcPath(pid, "status"), kStatMax);
-  const size_t user = status.find("\nUid:");
-  const size_t group = status.find("\nGid:");
-  return user != std::string::npos && group != std::string::npos &&
-         sscanf(status.c_str() + user, "\nUid: %u", &image.user) == 1 &&
-         sscanf(status.c_str() + group, "\nGid: %u", &image.group) == 1;
+  return ReadRow(status, "\nUid:", image.user) && ReadRow(status, "\nGid:", image.group);
 }
 
 /// Runs in the child: plain system calls only.
