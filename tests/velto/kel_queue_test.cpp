@@ -91,9 +91,10 @@ TEST(KelQueue, ManyWritersAndReadersLoseAndDoubleNothing) {
         continue;
       }
       const auto number = static_cast<uint32_t>(entry);
-      ASSERT_LT(entry >> 32, kWriters) << "an entry that nobody wrote";
-      ASSERT_GT(number, std::exchange(last[entry >> 32], number)) << "out of its writer's order";
-      ASSERT_FALSE(seen[(entry >> 32) * kEach + number].exchange(true)) << "an entry came twice";
+      const auto writer = static_cast<size_t>(entry >> 32);
+      ASSERT_LT(writer, kWriters) << "an entry that nobody wrote";
+      ASSERT_GT(number, std::exchange(last[writer], number)) << "out of its writer's order";
+      ASSERT_FALSE(seen[writer * kEach + number].exchange(true)) << "an entry came twice";
       --left;
     }
   };
