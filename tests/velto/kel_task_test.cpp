@@ -1,9 +1,7 @@
 #include "velto/kel_task.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -168,29 +166,6 @@ TEST(KelEvent, NoWakeUpIsLostBetweenTwoTasks) {
   TestTask second("second", [&] { player(1); });
   ids[0] = first.id();
   ids[1] = second.id();
-}
-
-// Woken by each event, the task would drive the sender from the processor after each few of them.
-TEST(KelEvent, AStreamFromTheSameProcessorIsTakenInLongRuns) {
-  constexpr uint32_t kEvents = 1'000'000;
-  TestTask task("receiver", [] {
-    cpu_set_t one{};
-    CPU_SET(sched_getcpu(), &one);
-    ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
-    uint32_t self = 0;
-    ASSERT_EQ(KEL_TaskCurrentIdGet(&self), 0u);
-    std::thread sender([self] {  // stays on its maker's processor
-      for (uint32_t i = 0; i < kEvents; ++i) EXPECT_EQ(KEL_EventWrite(self, 1), 0u);
-      EXPECT_EQ(KEL_EventWrite(self, 2), 0u);
-    });
-    for (uint32_t received = 0; (received & 2) == 0;) {
-      ASSERT_EQ(KEL_EventRead(3, &received, kKelEventAny, KEL_WAIT_FOREVER), 0u);
-    }
-    sender.join();
-    struct rusage use {};
-    ASSERT_EQ(getrusage(RUSAGE_THREAD, &use), 0);
-    EXPECT_LT(use.ru_nvcsw, 100) << "so often it slept";
-  });
 }
 
 }  // namespace
