@@ -83,7 +83,7 @@ TEST_F(PeersTest, ExchangeEveryByteWhileTheMainProcessRestarts) {
   }
   EXPECT_TRUE(MoreIsAnswered("peer_one") && MoreIsAnswered("peer_two"));
   // Asked again: peers may well be answered before the new main process, which refuses strangers, knows them.
-  EXPECT_TRUE(Comes("{ : >/run/peer_one.map; grep -q bin/peer_one /log/root_log/peer_one.map.tmp; }"))
+  EXPECT_TRUE(Comes("{ : >/run/peer_one.map; grep -q /peer_one$ /log/root_log/peer_one.map.tmp; }"))
       << "the main process's help";
   board_.Shell(": >/run/exchange.stop");
   for (const std::string name : {"peer_one", "peer_two"}) {
