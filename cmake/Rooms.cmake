@@ -17,12 +17,13 @@ function(tola_program name)
 endfunction()
 
 # tola_place(name directory): the program can be started as directory/name. Where an emulator runs it, a script of that
-# name calls the emulator, under the program's own name: whoever looks for the process by name finds it.
+# name calls the emulator, under the program's own name: whoever looks for the process by name finds it. A script never
+# learns by which name it was called, so PLACED_AS tells the program another one than its path.
 function(tola_place name directory)
   if(CMAKE_CROSSCOMPILING_EMULATOR)
     list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
     file(CONFIGURE OUTPUT ${directory}/${name} @ONLY CONTENT [[#!/bin/bash
-exec -a @name@ @emulator@ -0 "$0" @directory@/emulated/@name@ "$@"
+exec -a @name@ @emulator@ -0 "${PLACED_AS:-$0}" @directory@/emulated/@name@ "$@"
 ]])
     file(CHMOD ${directory}/${name} PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
