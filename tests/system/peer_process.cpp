@@ -37,11 +37,8 @@ constexpr uint16_t kHeartBeatS = 60;
 constexpr uint16_t kMemoryPercent = 90;
 
 // Message types; the sub-type is a number of the sender's.
-constexpr uint16_t kHello = 0x5001;
-constexpr uint16_t kHelloBack = 0x5002;
-constexpr uint16_t kData = 0x5003;
-constexpr uint16_t kDataBack = 0x5004;
-constexpr uint16_t kDone = 0x5005;  ///< the sub-type is how many there were
+constexpr uint16_t kData = 0x5001;
+constexpr uint16_t kDataBack = 0x5002;  ///< the data came, once and without a fault
 
 constexpr uint32_t kSizes[] = {0, 4064, 4065, 65538, 16777215};
 constexpr uint32_t kWindow = 4;  ///< messages that are not answered yet: far fewer than the queue holds
@@ -69,23 +66,16 @@ class Exchange {
 
  private:
   void Take(const tagMsgBuf& msg);
-  void TakeData(const tagMsgBuf& msg);
   void SendMore();
-  void Finish();
   void ObeyFiles() const;
   void Report() const;
   /// Sends until the message is taken: what was refused has not arrived.
   static void Send(uint16_t type, uint16_t number, const void* data, uint32_t length);
 
-  bool isGreeted_ = false;
-  bool isDone_ = false;
   uint32_t sent_ = 0;
   uint32_t answered_ = 0;
-  uint32_t received_ = 0;
-  uint32_t expected_ = kMost + 1;
-  uint32_t wrong_ = 0;
-  uint32_t twice_ = 0;
-  std::vector<bool> seen_ = std::vector<bool>(kMost);
+  uint32_t wrong_ = 0;  ///< messages and answers that came twice, changed or unasked
+  std::vector<bool> came_ = std::vector<bool>(kMost);
   std::vector<bool> back_ = std::vector<bool>(kMost);
 };
 
@@ -101,40 +91,18 @@ void Exchange::Send(uint16_t type, uint16_t number, const void* data, uint32_t l
   }
 }
 
-void Exchange::TakeData(const tagMsgBuf& msg) {
-  const uint16_t number = msg.subType;
-  const bool isKnown = number < kMost && GetTolaMsgLen(&msg) == SizeOf(number);
-  if (!isKnown || memcmp(TolaMsgData(&msg), ContentOf(kTwin, number).data(), SizeOf(number)) != 0) {
-    ++wrong_;
-    return;
-  }
-  if (seen_[number]) ++twice_;
-  if (!seen_[number]) ++received_;
-  seen_[number] = true;
-  Send(kDataBack, number, nullptr, 0);
-}
-
 void Exchange::Take(const tagMsgBuf& msg) {
-  if (msg.source != kTwin || msg.destination != kOwn) ++wrong_;
-  switch (msg.type) {
-    case kHello:
-      return Send(kHelloBack, 0, nullptr, 0);
-    case kHelloBack:
-      isGreeted_ = true;
-      return;
-    case kData:
-      return TakeData(msg);
-    case kDataBack:
-      if (msg.subType >= sent_ || back_[msg.subType]) ++wrong_;
-      if (msg.subType < sent_) back_[msg.subType] = true;
-      ++answered_;
-      return;
-    case kDone:
-      expected_ = msg.subType;
-      return;
-    default:
-      ++wrong_;
-  }
+  const uint16_t number = msg.subType;
+  const bool isData = msg.type == kData;
+  std::vector<bool>& known = isData ? came_ : back_;
+  bool isGood = msg.source == kTwin && msg.destination == kOwn && number < (isData ? kMost : sent_) &&
+                !known[number] && GetTolaMsgLen(&msg) == (isData ? SizeOf(number) : 0);
+  if (isData)
+    isGood = isGood && memcmp(TolaMsgData(&msg), ContentOf(kTwin, number).data(), SizeOf(number)) == 0;
+  if (!isGood) return (void)++wrong_;
+  known[number] = true;
+  if (isData) return Send(kDataBack, number, nullptr, 0);
+  ++answered_;
 }
 
 void Exchange::SendMore() {
@@ -142,12 +110,6 @@ void Exchange::SendMore() {
     const auto number = static_cast<uint16_t>(sent_++);
     Send(kData, number, ContentOf(kOwn, number).data(), SizeOf(number));
   }
-}
-
-void Exchange::Finish() {
-  if (answered_ != sent_) return;
-  if (!isDone_) Send(kDone, static_cast<uint16_t>(sent_), nullptr, 0);
-  isDone_ = true;
 }
 
 void Exchange::ObeyFiles() const {
@@ -175,15 +137,14 @@ void Exchange::Report() const {
   {
     const std::unique_ptr<FILE, decltype(&fclose)> file(fopen((path + ".new").c_str(), "w"), fclose);
     if (file == nullptr) return;
-    (void)fprintf(file.get(), "%s sent %u answered %u received %u of %u wrong %u twice %u\n",
-                  isDone_ && received_ >= expected_ ? "done" : "runs", sent_, answered_, received_, expected_,
-                  wrong_, twice_);
+    const bool isDone = FileIsThere("/run/exchange.stop") && answered_ == sent_;
+    (void)fprintf(file.get(), "%s sent %u answered %u wrong %u\n", isDone ? "done" : "runs", sent_, answered_,
+                  wrong_);
   }
   (void)rename((path + ".new").c_str(), path.c_str());  // whoever reads it reads a whole line
 }
 
 void Exchange::Run() {
-  uint32_t turns = 0;
   for (;;) {
     uint32_t received = 0;
     (void)KEL_EventRead(kEventMsg, &received, kKelEventAny, kTurnMs);  // a turn without a message is one, too
@@ -195,13 +156,7 @@ void Exchange::Run() {
     (void)TOLA_SendThreadHeartBeat();
     ObeyFiles();
     if (!FileIsThere("/run/exchange")) continue;
-    if (!isGreeted_ && turns++ % 50 == 0) Send(kHello, 0, nullptr, 0);
-    if (!isGreeted_) continue;
-    if (!FileIsThere("/run/exchange.stop")) {
-      SendMore();
-    } else {
-      Finish();
-    }
+    if (!FileIsThere("/run/exchange.stop")) SendMore();
     Report();
   }
 }
