@@ -8,8 +8,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -22,10 +20,9 @@
 
 namespace cmstest {
 
-using testpki::Bytes;
-using testpki::Identity;
+using namespace testpki;  // the words in which these cases are written
 
-/// Lines of the run log, as "<level> <source> <message>".
+/// Lines of the run log, as "<level> <source> <message>". Kept in memory: some cases check a thousand times.
 inline std::vector<std::string> g_lines;
 
 __attribute__((format(printf, 2, 0))) inline void CaptureLine(const TOLA_LOG_PARA_S* record,
@@ -48,61 +45,77 @@ struct Verdict {
 inline void PrintTo(const Verdict& verdict, std::ostream* out) {
   *out << verdict.result << " (engine " << std::hex << verdict.engineCode << std::dec << ")";
 }
+constexpr Verdict Refused(uint32_t engineCode) {
+  return {kSigErrSignature, engineCode};
+}
+constexpr Verdict kAccepted = {0, 0}, kMismatch = Refused(0), kUnusableCrl = {kSigErrCrl, 0},
+                  kUnusableRoot = {kSigErrRootCert, 0}, kNoChain = Refused(kSigvfyErrChain),
+                  kRevoked = Refused(kSigvfyErrRevoked), kUncovered = Refused(kSigvfyErrUncovered),
+                  kForgedCrl = Refused(kSigvfyErrCrlSignature), kOutOfTime = Refused(kSigvfyErrTime),
+                  kWrongUse = Refused(kSigvfyErrUsage), kBadAlgorithm = Refused(kSigvfyErrAlgorithm),
+                  kBadAttributes = Refused(kSigvfyErrAttributes), kForged = Refused(kSigvfyErrSignature),
+                  kUndecodable = Refused(kSigvfyErrDecode), kBadContent = Refused(kSigvfyErrContent),
+                  kNoSigner = Refused(kSigvfyErrNoSigner);
 
 class CmsTest : public testing::Test {
  protected:
   CmsTest() {
     RegLogSeparatePrintFunc(CaptureLine);
-    testpki::InstallRoot(root);
+    InstallRoot(root);
     g_lines.clear();
   }
   ~CmsTest() override {
-    testpki::ClearRoots();
+    ClearRoots();
     RegLogSeparatePrintFunc(nullptr);
     KEL_ClockModeSet(kKelClockReal);
   }
 
-  /// What one check reads; the default is good.
+  /// What one check reads.
   struct Input {
     Bytes content, signature, crl;
     std::string extra = {};
   };
-  [[nodiscard]] Input Good() const { return {BytesOf(text), testpki::Sign(text, signer), crl}; }
-  [[nodiscard]] Input Signed(const testpki::SignSpec& spec) const {
-    return {BytesOf(text), testpki::Sign(text, spec), crl};
+  [[nodiscard]] Input With(const Bytes& signature) const { return {BytesOf(text), signature, crl}; }
+  [[nodiscard]] Input Signed(const SignSpec& spec) const { return With(Sign(text, spec)); }
+  [[nodiscard]] Input SignedBy(const Identity& by, const std::vector<const Identity*>& chain = {}) const {
+    return With(Sign(text, by, chain));
   }
-  [[nodiscard]] Input SignedBy(const Identity& by) const {
-    return {BytesOf(text), testpki::Sign(text, by), crl};
-  }
+  [[nodiscard]] Input Good() const { return SignedBy(signer); }
+  [[nodiscard]] Input WithCrl(const Bytes& list) const { return {BytesOf(text), Sign(text, signer), list}; }
 
-  SIGNATURE_VERIFY_BLOCK_S Request(const Input& input) {
+  SIGNATURE_VERIFY_BLOCK_S Request(const Input& input) const {
     SIGNATURE_VERIFY_BLOCK_S request = {};
-    Write("list", input.content);
-    Write("sig", input.signature);
-    Write("crl", input.crl);
+    WriteFile(dir.File("list"), input.content);
+    WriteFile(dir.File("sig"), input.signature);
+    WriteFile(dir.File("crl"), input.crl);
     SetText(request.contentPath, dir.File("list"));
     SetText(request.signaturePath, dir.File("sig"));
     SetText(request.crlPath, dir.File("crl"));
     SetText(request.extraCert, input.extra);
     return request;
   }
-  uint32_t Verify(const Input& input) { return Check(input).result; }
-
   template <size_t kSize>
   static void SetText(char (&field)[kSize], const std::string& value) {
     ASSERT_EQ(strcpy_s(field, kSize, value.c_str()), EOK) << value;
   }
 
-  Verdict Check(const Input& input) { return Check(Request(input)); }
+  Verdict Check(const Input& input) const { return Check(Request(input)); }
   static Verdict Check(const SIGNATURE_VERIFY_BLOCK_S& request) {
     g_lines.clear();
     const uint32_t result = SignatureVerify(request);
     constexpr std::string_view kMarker = "verify signature error ";
-    uint32_t code = 0;
     const std::string lines = Log();
-    if (const size_t at = lines.rfind(kMarker); at != lines.npos)
-      code = static_cast<uint32_t>(strtoul(&lines[at + kMarker.size()], nullptr, 16));
-    return {result, code};
+    const size_t at = lines.rfind(kMarker);
+    const size_t code = at == lines.npos ? 0 : strtoul(&lines[at + kMarker.size()], nullptr, 16);
+    return {result, static_cast<uint32_t>(code)};
+  }
+  struct Case {
+    const char* what;
+    Input input;
+    Verdict expected;
+  };
+  void CheckEach(const std::vector<Case>& cases) const {
+    for (const Case& c : cases) EXPECT_EQ(Check(c.input), c.expected) << c.what << "\n" << Log();
   }
   [[nodiscard]] static std::string Log() {
     std::string all;
@@ -110,26 +123,11 @@ class CmsTest : public testing::Test {
     return all;
   }
 
-  /// Writes `name` unless it holds these bytes already: the loops over damaged files change one at a time.
-  void Write(const std::string& name, const Bytes& bytes) {
-    const auto known = written_.find(name);
-    if (known != written_.end() && known->second == bytes) return;
-    testpki::WriteFile(dir.File(name), bytes);
-    written_[name] = bytes;
-  }
-
   support::TempDir dir;
   const std::string text = "FileNum=1\nFileName=app.bin\nSHA256-Digest=00ff\n";
-  Identity root = testpki::MakeRoot({.name = "root"});
-  Identity signer = testpki::MakeSigner(root);
-  Bytes crl = testpki::MakeCrl(root, {.number = 1});
-
- private:
-  std::map<std::string, Bytes> written_;
+  Identity root = MakeRoot({.name = "root"});
+  Identity signer = MakeSigner(root);
+  Bytes crl = MakeCrl(root, {.number = 1});
 };
-
-#define EXPECT_REFUSED(input, engineCode) \
-  EXPECT_EQ(Check(input), (Verdict{kSigErrSignature, engineCode})) << Log()
-#define EXPECT_ACCEPTED(input) EXPECT_EQ(Check(input), (Verdict{0, 0})) << Log()
 
 }  // namespace cmstest

@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <time.h>
 
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "velto/kel_clock.h"
@@ -33,20 +32,18 @@ inline std::string ReadAll(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Permission bits of `path` itself, 0 when nothing is there.
-inline mode_t ModeOf(const std::string& path) {
-  struct stat info = {};
-  return lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+/// Permission bits of `path`.
+inline unsigned ModeOf(const std::string& path) {
+  return static_cast<unsigned>(std::filesystem::status(path).permissions());
 }
 
 /// Runs `body` in a process that has not touched the log yet: some of its settings are made once for all.
 template <class Body>
 void InFreshProcess(Body body) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        body();
-        exit(testing::Test::HasFailure() ? 1 : 0);
-      },
-      testing::ExitedWithCode(0), "");
+  const auto run = [&] {
+    body();
+    exit(testing::Test::HasFailure() ? 1 : 0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }

@@ -16,14 +16,24 @@ using testing::SizeIs;
 
 class RunLogRepeatTest : public testing::Test {
  protected:
-  RunLogRepeatTest() { Switch(true); }
-  ~RunLogRepeatTest() override { Switch(false); }
+  RunLogRepeatTest() { Set<uint8_t>(kLogRepeatEnable, 1); }
+  ~RunLogRepeatTest() override { Set<uint8_t>(kLogRepeatEnable, 0); }
 
-  static void Switch(bool isOn) {
-    const uint8_t flag = isOn ? 1 : 0;
-    ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, &flag), 0u);
+  template <class Value>
+  static void Set(uint32_t command, Value value) {
+    ASSERT_EQ(TOLA_LogRepeatControl(command, &value), 0u);
   }
-  static void Log(const std::string& text) { TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "%s", text.c_str()); }
+  static void Log(const std::vector<const char*>& texts) {
+    for (const char* text : texts) TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "%s", text);
+  }
+  static void LogNumbers(int from, int to) {
+    for (int i = from; i <= to; ++i) TOLA_LogPrint(7, kLogErr, "a.cpp", 1, "%d", i);
+  }
+  std::vector<std::string> NewLines() {
+    const auto lines = log.Lines();
+    log.Clear();
+    return lines;
+  }
 
   const StandingClock clock;
   support::LogCapture log;
@@ -37,92 +47,71 @@ TEST_F(RunLogRepeatTest, RepeatIsCountedUntilItsTimeIsOver) {
   TOLA_LogPrint(4200, kLogEvt, "some.cpp", 78, "same");
   TOLA_LogPrint(4201, kLogEvt, "some.cpp", 77, "same");
   TOLA_LogPrint(4200, kLogEvt, "other.cpp", 77, "same");
-  EXPECT_THAT(log.Lines(), ElementsAre("same", "same", "same", "same"))
-      << "line, module and file make another record";
-  log.Clear();
+  EXPECT_THAT(NewLines(), SizeIs(4)) << "line, module and file make another record";
   StandingClock::MoveSeconds(199);
   same();
-  EXPECT_THAT(log.Lines(), IsEmpty()) << "299 s are within the time";
+  EXPECT_THAT(NewLines(), IsEmpty()) << "299 s are within the time";
   StandingClock::MoveSeconds(1);
-  Log("next");
-  EXPECT_THAT(log.Lines(), ElementsAre("T Cnt:0x12,same 2024-03-05 14:02:07", "next"))
-      << "only the record that came again is summed up, without the first one";
+  Log({"next"});
   const auto summary = log.Records().at(0);
-  EXPECT_EQ(summary.date + summary.level + summary.module + summary.file,
-            "2024-03-05 14:07:07EVTM4200some.cpp");
-  EXPECT_EQ(summary.line, 77u);
-  log.Clear();
+  EXPECT_EQ(summary.date + summary.level + summary.module + summary.file + std::to_string(summary.line),
+            "2024-03-05 14:07:07EVTM4200some.cpp77");
+  EXPECT_THAT(NewLines(), ElementsAre("T Cnt:0x12,same 2024-03-05 14:02:07", "next"))
+      << "only the record that came again is summed up, without the first one";
   same();
   same();
-  EXPECT_THAT(log.Lines(), ElementsAre("same")) << "its time over, it is new again, and folded again";
-}
-
-TEST_F(RunLogRepeatTest, ClockThatGoesBackEndsTheFoldingToo) {
-  Log("same");
-  Log("same");
-  log.Clear();
+  EXPECT_THAT(NewLines(), ElementsAre("same")) << "its time over, it is new again, and folded again";
   KEL_ClockWallSetNs(KEL_ClockWallNs() - 300'000'000'000u);
-  Log("same");
-  EXPECT_THAT(log.Lines(), ElementsAre("T Cnt:0x1,same 2024-03-05 14:02:07", "same"));
+  same();
+  EXPECT_THAT(NewLines(), ElementsAre("T Cnt:0x1,same 2024-03-05 14:07:07", "same"))
+      << "a clock that goes back ends the folding too";
 }
 
 TEST_F(RunLogRepeatTest, RecordIsForgottenWithoutTheOlderOneInFrontOfIt) {
-  Log("front");
+  Log({"front"});
   KEL_ClockWallSetNs(KEL_ClockWallNs() - 100'000'000'000u);
-  Log("behind");
+  Log({"behind"});
   StandingClock::MoveSeconds(300);
   log.Clear();
-  for (const char* text : {"front", "behind", "behind", "front"}) Log(text);
+  Log({"front", "behind", "behind", "front"});
   EXPECT_THAT(log.Lines(), ElementsAre("behind"));
 }
 
 TEST_F(RunLogRepeatTest, ThirtyFirstRecordPushesOutTheOldest) {
-  Log("first");
-  Log("first");
-  Log("second");
-  for (int i = 3; i <= 30; ++i) Log("record " + std::to_string(i));
+  Log({"first", "first", "second"});
+  LogNumbers(3, 30);
   log.Clear();
-  Log("first");
+  Log({"first"});
   EXPECT_THAT(log.Lines(), IsEmpty()) << "thirty are remembered";
-  Log("31");
-  Log("32");
+  Log({"31", "32"});
   EXPECT_THAT(log.Lines(), ElementsAre("Q Cnt:0x2,first 2024-03-05 14:02:07", "31", "32"))
       << "a count of 0 is pushed out in silence";
 }
 
 TEST_F(RunLogRepeatTest, SwitchingOffWritesEveryCount) {
-  Log("alone");
-  Log("twice");
-  Log("twice");
-  Switch(true);  // changes nothing while it is on
+  Log({"alone", "twice", "twice"});
+  Set<uint8_t>(kLogRepeatEnable, 1);  // changes nothing while it is on
   log.Clear();
-  Switch(false);
-  Log("twice");
-  Log("twice");
+  Set<uint8_t>(kLogRepeatEnable, 0);
+  Log({"twice", "twice"});
   EXPECT_THAT(log.Lines(), ElementsAre("F Cnt:0x0,alone 2024-03-05 14:02:07",
                                        "F Cnt:0x1,twice 2024-03-05 14:02:07", "twice", "twice"));
 }
 
-TEST_F(RunLogRepeatTest, LongerQueueRemembersMoreAndAShorterOnePushesOut) {
-  const uint16_t longer = 40;
-  ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatQueueLength, &longer), 0u);
-  for (int i = 0; i < 40; ++i) Log(std::to_string(i));
-  for (int i = 0; i < 40; ++i) Log(std::to_string(i));
-  EXPECT_THAT(log.Lines(), SizeIs(40)) << "all forty were remembered";
-  const uint16_t shorter = 3;
-  ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatQueueLength, &shorter), 0u);
+TEST_F(RunLogRepeatTest, QueueLengthAndTimeAreSettings) {
+  Set<uint16_t>(kLogRepeatQueueLength, 40);
+  LogNumbers(1, 40);
+  LogNumbers(1, 40);
+  EXPECT_THAT(NewLines(), SizeIs(40)) << "all forty were remembered";
+  Set<uint16_t>(kLogRepeatQueueLength, 3);
+  Log({"new"});
+  EXPECT_THAT(NewLines(), SizeIs(12)) << "eleven summaries and the record: thirty is the least";
+  Set<uint32_t>(kLogRepeatTimeout, 0);
+  Log({"unique"});
   log.Clear();
-  Log("new");
-  EXPECT_THAT(log.Lines(), SizeIs(12)) << "eleven summaries and the record: thirty is the least";
-}
-
-TEST_F(RunLogRepeatTest, TimeoutOfZeroFoldsNothing) {
-  const uint32_t none = 0;
-  ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatTimeout, &none), 0u);
-  for (int i = 0; i < 3; ++i) Log("same");
-  const uint32_t usual = 300;
-  ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatTimeout, &usual), 0u);
-  EXPECT_THAT(log.Lines(), ElementsAre("same", "same", "same"));
+  Log({"same", "same", "same"});
+  Set<uint32_t>(kLogRepeatTimeout, 300);
+  EXPECT_THAT(log.Lines(), ElementsAre("same", "same", "same")) << "no time folds nothing";
 }
 
 TEST(RunLogRepeatSettingsTest, ExceptionsAreAcceptedOnceAndAreNotFolded) {

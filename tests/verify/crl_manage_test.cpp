@@ -9,11 +9,10 @@
 namespace verifytest {
 namespace {
 
-using ::testing::Contains;
-using ::testing::StartsWith;
 using testpki::CrlSpec;
 using testpki::kDay;
 using testpki::MakeCrl;
+namespace fs = std::filesystem;
 
 class CrlManageTest : public VerifyTest {
  protected:
@@ -26,151 +25,125 @@ class CrlManageTest : public VerifyTest {
     dir_.Write("update/list.crl", list);
     request_.crlPath = crlPath_.c_str();
   }
+  std::string Stored() const { return ReadFile(stored_); }
   std::string Supplied() const { return ReadFile(crlPath_); }
 
-  const std::string crlPath_ = UpdateFile("list.crl");
+  const std::string crlPath_ = UpdateFile("list.crl"), stored_ = StoredFile("signature.crl"),
+                    aside_ = StoredFile("signature.crl.old");
   SIGNATURE_VERIFY_REQ_S request_;
 };
 
 TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
   const testpki::SmallPki foreignPki;
-  const std::string none, older = List(9, 5), newer = List(3, 6), sameDayHigher = List(9, 6),
-                          garbage = "garbage", future = List(-400);
-  const std::string foreign =
-      Text(MakeCrl(foreignPki.root, {.thisUpdate = testpki::Now() - kDay, .number = 9}));
+  const std::string none, garbage = "garbage", older = List(9, 5), newer = List(3, 6), higher = List(9, 6);
+  const std::string future = List(-400), foreign = Text(MakeCrl(foreignPki.root, {.number = 9}));
   const std::string expired = Text(
       MakeCrl(pki_.root, {.thisUpdate = testpki::Now() - 20 * kDay, .nextUpdate = testpki::Now() - kDay}));
   std::string forged = newer;
   forged.back() = static_cast<char>(forged.back() ^ 1);
-  const struct {
-    const char* what;
-    const std::string &stored, &supplied;
-    uint32_t code;
-    const std::string &storedAfter, &suppliedAfter;
-  } cases[] = {
-      {"neither", none, none, 50996, none, none},
-      {"first list", none, older, 0, older, older},
-      {"first list is garbage", none, garbage, 50997, none, garbage},
-      {"first list is a foreign root's", none, foreign, 50997, none, foreign},
-      {"first list is forged", none, forged, 50997, none, forged},
-      {"first list is from the future: none of today could follow it", none, future, 50997, none, future},
-      {"newer, but from the future", older, future, 50997, older, future},
-      {"stored alone", older, none, 0, older, none},
-      {"newer", older, newer, 0, newer, newer},
-      {"older: the stored one overwrites it", newer, older, 0, newer, newer},
-      {"same", older, older, 0, older, older},
-      {"same date, higher number", older, sameDayHigher, 0, sameDayHigher, sameDayHigher},
-      {"same date, lower number", sameDayHigher, older, 0, sameDayHigher, sameDayHigher},
-      {"supplied garbage", older, garbage, 50997, older, garbage},
-      {"supplied foreign", older, foreign, 50997, older, foreign},
-      {"supplied forged", older, forged, 50997, older, forged},
-      {"stored garbage is replaced, even by an old list", garbage, older, 0, older, older},
-      {"stored foreign is replaced", foreign, older, 0, older, older},
-      {"stored expired is replaced", expired, newer, 0, newer, newer},
-      {"both useless", garbage, foreign, 50997, garbage, foreign},
+  const std::tuple<const char*, std::string, std::string, uint32_t, std::string> cases[] = {
+      {"neither", none, none, 50996, none},
+      {"first list", none, older, 0, older},
+      {"first list is garbage", none, garbage, 50997, none},
+      {"first list is a foreign root's", none, foreign, 50997, none},
+      {"first list is from the future: none of today could follow it", none, future, 50997, none},
+      {"newer, but from the future", older, future, 50997, older},
+      {"stored alone", older, none, 0, older},
+      {"newer", older, newer, 0, newer},
+      {"older: the stored one overwrites it", newer, older, 0, newer},
+      {"same date, higher number", older, higher, 0, higher},
+      {"same date, lower number", higher, older, 0, higher},
+      {"supplied garbage", older, garbage, 50997, older},
+      {"supplied forged", older, forged, 50997, older},
+      {"stored garbage is replaced, even by an old list", garbage, older, 0, older},
+      {"stored foreign is replaced", foreign, older, 0, older},
+      {"stored expired is replaced", expired, newer, 0, newer},
+      {"both useless", garbage, foreign, 50997, garbage},
   };
-  for (const auto& c : cases) {
-    std::filesystem::remove(StoredFile());
-    std::filesystem::remove(crlPath_);
+  for (const auto& [what, stored, supplied, code, winner] : cases) {
+    SCOPED_TRACE(what);
+    for (const std::string& path : {stored_, crlPath_}) fs::remove(path);
     request_.crlPath = nullptr;
-    if (&c.stored != &none) Store(c.stored);
-    if (&c.supplied != &none) Supply(c.supplied);
-    EXPECT_EQ(ProcessCrlInfo(request_), c.code) << c.what;
-    EXPECT_EQ(StoredText(), c.storedAfter) << c.what;
-    EXPECT_EQ(Supplied(), c.suppliedAfter) << c.what;
-    EXPECT_FALSE(Exists(StoredFile("signature.crl.old"))) << c.what;
-    struct stat info = {};
-    if (c.code == 0 && stat(StoredFile().c_str(), &info) == 0) {
-      EXPECT_EQ(info.st_mode & 0777u, 0600u) << c.what;
-    }
+    if (stored != none) Store(stored);
+    if (supplied != none) Supply(supplied);
+    EXPECT_EQ(ProcessCrlInfo(request_), code);
+    EXPECT_EQ(Stored(), winner);
+    EXPECT_EQ(Supplied(), code != 0 || supplied == none ? supplied : winner);
+    EXPECT_FALSE(Exists(aside_));
+    EXPECT_TRUE(code != 0 || fs::status(stored_).permissions() == fs::perms{0600});
   }
 }
 
-TEST_F(CrlManageTest, AnEmptyNameCountsAsNoList) {
+TEST_F(CrlManageTest, OnlyAnEmptyNameCountsAsNoList) {
   const std::string directory = dir_.File("update/");
   request_.crlPath = directory.c_str();
   EXPECT_EQ(ProcessCrlInfo(request_), 50996u);
-  EXPECT_THAT(log_.Lines(), Contains("no check crl"));
+  EXPECT_THAT(log_.Lines(), testing::Contains("no check crl"));
   Store(List(1));
-  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-  request_.crlPath = "";
-  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-  Supply(List(1));
-  std::filesystem::remove(crlPath_);
-  EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "one that is named but missing is not left out";
+  const std::pair<const char*, uint32_t> names[] = {
+      {directory.c_str(), 0}, {"", 0}, {crlPath_.c_str(), 50997}};
+  for (const auto& [name, code] : names) {
+    request_.crlPath = name;
+    EXPECT_EQ(ProcessCrlInfo(request_), code) << name;
+  }
 }
 
 TEST_F(CrlManageTest, EachTypeHasAListOfItsOwn) {
   Supply(List(1));
-  request_.caType = 2;
-  EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "there is no root of type 2";
-  testpki::InstallRoot(pki_.root, 2);
-  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-  EXPECT_EQ(ReadFile(StoredFile("signature_2.crl")), Supplied());
-  request_.caType = 1;
-  testpki::InstallRoot(pki_.root, 1);
-  EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-  EXPECT_EQ(ReadFile(StoredFile("inside_signature.crl")), Supplied());
-  EXPECT_FALSE(Exists(StoredFile())) << "type 0's list was touched";
+  for (const uint16_t type : std::initializer_list<uint16_t>{2, 1}) {
+    request_.caType = type;
+    EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "there is no root of type " << type;
+    testpki::InstallRoot(pki_.root, type);
+    EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+    EXPECT_EQ(ReadFile(StoredFile(type == 2 ? "signature_2.crl" : "inside_signature.crl")), Supplied());
+  }
+  EXPECT_FALSE(Exists(stored_)) << "type 0's list was touched";
 }
 
-class RollbackTest : public CrlManageTest {
- protected:
-  /// The device knows that the signer is revoked; an older list does not.
-  RollbackTest() {
-    dir_.Write("update/list.txt", list_);
-    dir_.Write("update/list.cms", Text(testpki::Sign(list_, pki_.signer)));
-    request_.contentPath = listPath_.c_str();
-    request_.signaturePath = signaturePath_.c_str();
-    Supply(older_);
-    EXPECT_EQ(CMSSignatureVerify(request_), 0u) << "not revoked yet";
-    Supply(revoking_);
-    EXPECT_EQ(CMSSignatureVerify(request_), 50987u);
-  }
-  const std::string list_ = "FileNum=0\n";
-  const std::string listPath_ = UpdateFile("list.txt"), signaturePath_ = UpdateFile("list.cms");
-  const std::string older_ = List(9, 1);
-  const std::string revoking_ = Text(MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}}));
-};
-
-TEST_F(RollbackTest, ByAnOlderListOrNone) {
-  Supply(older_);
+/// The device knows that the signer is revoked; an older list does not.
+TEST_F(CrlManageTest, ARevocationIsNotUndone) {
+  const std::string list = "FileNum=0\n", older = List(9, 1);
+  const std::string revoking = Text(MakeCrl(pki_.root, {.number = 2, .revoked = {pki_.signer.Serial()}}));
+  const std::string content = dir_.Write("update/list.txt", list);
+  const std::string signature = dir_.Write("update/list.cms", Text(testpki::Sign(list, pki_.signer)));
+  request_.contentPath = content.c_str();
+  request_.signaturePath = signature.c_str();
+  Supply(older);
+  EXPECT_EQ(CMSSignatureVerify(request_), 0u) << "not revoked yet";
+  Supply(revoking);
+  EXPECT_EQ(CMSSignatureVerify(request_), 50987u);
+  Supply(older);
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the older list was believed";
   request_.crlPath = nullptr;
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "the stored list was not handed to the check";
-}
 
-TEST_F(RollbackTest, BesideAnotherTypesList) {
+  const testpki::Identity twin = testpki::MakeRoot({.name = "test root"});
+  const std::string extra = twin.Pem();
+  SIGNATURE_VERIFY_REQ_S byTwin = request_;
+  byTwin.extraCert = extra.c_str();
+  byTwin.crlPath = crlPath_.c_str();
+  Supply(Text(MakeCrl(twin, {.number = 9})));
+  EXPECT_EQ(ProcessCrlInfo(byTwin), 50997u);
+  EXPECT_EQ(Stored(), revoking) << "a list that the root did not sign took the place of the root's";
+
   const testpki::Identity other = testpki::MakeRoot({.name = "root of type 1"});
   testpki::InstallRoot(other, 1);
-  const auto der = [](const std::string& text) { return testpki::Bytes(text.begin(), text.end()); };
   const std::string own = testpki::CrlPem(MakeCrl(other));
-  Supply(own + testpki::CrlPem(der(older_)));
   request_.caType = 1;
+  Supply(own + testpki::CrlPem({older.begin(), older.end()}));
   EXPECT_EQ(CMSSignatureVerify(request_), 50997u) << "the age of a list of type 0 was compared with nothing";
   EXPECT_FALSE(Exists(StoredFile("inside_signature.crl")));
   Supply(own);
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "no list covers a signer of type 0";
 }
 
-TEST_F(RollbackTest, ByAnExtraCertificateOfTheRootsName) {
-  const testpki::Identity twin = testpki::MakeRoot({.name = "test root"});
-  const std::string extra = twin.Pem();
-  request_.extraCert = extra.c_str();
-  Supply(Text(MakeCrl(twin, {.number = 9})));
-  EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
-  EXPECT_EQ(StoredText(), revoking_) << "a list that the root did not sign took the place of the root's";
-}
-
 TEST_F(CrlManageTest, ADirectoryInTheListsPlaceBlocksNothing) {
-  dir_.Write("stored/note", "");
   for (const int64_t age : {2, 1}) {  // the second would meet what the first left aside
-    std::filesystem::remove_all(StoredFile());
-    std::filesystem::create_directory(StoredFile());
-    std::filesystem::copy(StoredFile("note"), StoredFile());
+    fs::remove_all(stored_);
+    dir_.Write("stored/signature.crl/note", "");
     Supply(List(age));
     EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-    EXPECT_EQ(StoredText(), Supplied());
+    EXPECT_EQ(Stored(), Supplied());
   }
 }
 
@@ -183,69 +156,63 @@ class FailingCopyTest : public CrlManageTest {
     setenv("PATH", (dir_.File("bin") + ":" + path_).c_str(), 1);
   }
   ~FailingCopyTest() override { setenv("PATH", path_.c_str(), 1); }
-  const std::string path_ = getenv("PATH");
+  const std::string path_ = getenv("PATH"), older_ = List(9, 1), newer_ = List(1, 2);
 };
 
 TEST_F(FailingCopyTest, TheStoredListSurvivesEveryFailure) {
-  const std::string older = List(9, 1);
-  Supply(List(1, 2));
+  Supply(newer_);
   for (const char* fault : {"exit 1", "head -c 40 \"$2\" >\"$3\"; exit 1", "head -c 40 \"$2\" >\"$3\"",
                             "exit 0", ": >\"$3\"", "ln -s \"$2\" \"$3\"", "mkdir \"$3\""}) {
     SCOPED_TRACE(fault);
-    Store(older);
+    Store(older_);
     ReplaceCp(fault);
     EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
-    EXPECT_EQ(StoredText(), older);
-    EXPECT_FALSE(Exists(StoredFile("signature.crl.old")));
-
-    std::filesystem::remove_all(StoredFile());
+    EXPECT_EQ(Stored(), older_);
+    EXPECT_FALSE(Exists(aside_));
+    fs::remove_all(stored_);
     EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "first list";
-    EXPECT_FALSE(Exists(StoredFile())) << "half a first list stayed";
+    EXPECT_FALSE(Exists(stored_)) << "half a first list stayed";
   }
 }
 
 TEST_F(FailingCopyTest, ACutInTheMiddleIsUndoneAtTheNextStart) {
-  const std::string older = List(9, 1);
-  Store(older);
-  Supply(List(1, 2));
+  Store(older_);
+  Supply(newer_);
   ReplaceCp("head -c 40 \"$2\" >\"$3\"; kill -9 $PPID");
   const pid_t child = fork();
   if (child == 0) _exit(ProcessCrlInfo(request_) == 0 ? 0 : 1);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFSIGNALED(status)) << "the process was to die while the list was being replaced";
-  ASSERT_NE(StoredText(), older);
+  const std::string cutShort = Stored();
+  ASSERT_NE(cutShort, older_);
 
   setenv("PATH", path_.c_str(), 1);
-  const std::string cutShort = StoredText();
   Supply(List(20));
   EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "a request before the start's restoring";
-  EXPECT_EQ(StoredText(), older) << "an older list came in as if it were the first";
-
-  std::filesystem::rename(StoredFile(), StoredFile("signature.crl.old"));
+  EXPECT_EQ(Stored(), older_) << "an older list came in as if it were the first";
+  fs::rename(stored_, aside_);
   Store(cutShort);
   RestoreStoredCrlAtStart();
-  EXPECT_EQ(StoredText(), older);
-  EXPECT_FALSE(Exists(StoredFile("signature.crl.old")));
-  Supply(List(1, 2));
+  EXPECT_EQ(Stored(), older_);
+  EXPECT_FALSE(Exists(aside_));
+  Supply(newer_);
   EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "the same update again";
-  EXPECT_EQ(StoredText(), Supplied());
+  EXPECT_EQ(Stored(), newer_);
 }
 
 TEST_F(CrlManageTest, NamesThatNoCommandMayHoldAreRefusedBeforeAnythingMoves) {
-  const std::string older = List(9, 1);
+  const std::string older = List(9, 1), newer = List(1, 2);
+  Store(older);
   for (const char* name : {"a b.crl", "a;b.crl", "a$b.crl", "x./b.crl"}) {
-    Store(older);
-    const std::string path = dir_.Write(std::string("update/") + name, List(1, 2));
+    const std::string path = dir_.Write(std::string("update/") + name, newer);
     request_.crlPath = path.c_str();
-    EXPECT_EQ(UpdateCrlFileToDevice(path.c_str(), 0), 1u) << name;
     EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << name;
-    EXPECT_EQ(StoredText(), older) << name;
   }
   EXPECT_EQ(UpdateCrlFileToDevice("-rf", 0), 1u) << "an option";
   EXPECT_EQ(UpdateCrlFileToDevice(std::string(401, 'x').c_str(), 0), 17673u);
-  EXPECT_THAT(log_.Lines(), Contains(StartsWith("update crl err: ")));
-  EXPECT_EQ(StoredText(), older);
+  EXPECT_THAT(log_.Lines(), testing::Contains(testing::StartsWith("update crl err: ")));
+  EXPECT_EQ(Stored(), older);
 }
 
 }  // namespace

@@ -8,34 +8,31 @@
 namespace verifytest {
 namespace {
 
-using ::testing::Contains;
-using ::testing::HasSubstr;
-using ::testing::Not;
+using testing::Contains;
 
 class SecureBootTest : public VerifyTest {
  protected:
   SecureBootTest() {
-    TOLA_CHECK(mkdir(app_.c_str(), 0700) == 0);
-    testpki::WriteFile(app_ + "a", "first");
-    testpki::WriteFile(app_ + "b", "second");
+    dir_.Write("app/a", "first");
+    dir_.Write("app/b", "second");
   }
   /// Puts list, signature and revocation list of "demo" beside the files.
   void Install(const std::string& list, const std::string& prefix = "") const {
-    const std::string stem = app_ + prefix + "demo_filelist";
-    testpki::WriteFile(stem + ".txt", list);
-    testpki::WriteFile(stem + ".cms", testpki::Sign(list, pki_.signer));
-    testpki::WriteFile(stem + ".crl", pki_.crl);
+    const std::string stem = "app/" + prefix + "demo_filelist";
+    dir_.Write(stem + ".txt", list);
+    dir_.Write(stem + ".cms", Text(testpki::Sign(list, pki_.signer)));
+    dir_.Write(stem + ".crl", Text(pki_.crl));
   }
-  uint32_t Check(const std::string& oneFile = "") const {
-    return SecureBootVerifyByPathAndAppName(dir_.File("app").c_str(), "demo", kSecureBootOneFile,
-                                            oneFile.empty() ? nullptr : oneFile.c_str(), 0);
+  uint32_t Check() const { return CheckOne(nullptr); }
+  uint32_t CheckOne(const char* file) const {
+    return SecureBootVerifyByPathAndAppName(dir_.File("app").c_str(), "demo", kSecureBootOneFile, file, 0);
   }
-  /// Results of modes 0 to 3.
+  /// Results of modes 0, 2, 3 and 1, as it began.
   std::vector<uint32_t> CheckModes(const char* oneFile = nullptr) const {
     SIGNATURE_VERIFY_BLOCK_S one, two;
     EXPECT_EQ(MakeSecureBootFullFilePath(one, two, dir_.File("app").c_str(), "demo"), 0u);
     std::vector<uint32_t> codes;
-    for (const uint32_t mode : {0u, 2u, 3u, 1u}) {  // ends as it began
+    for (const uint32_t mode : {0u, 2u, 3u, 1u}) {
       SetSecureBootVerifyMode(mode);
       codes.push_back(oneFile != nullptr ? SecureBootVerifyOneFileByMode(one, two, oneFile, 0)
                                          : SecureBootVerifyByMode(one, two, 0));
@@ -43,7 +40,8 @@ class SecureBootTest : public VerifyTest {
     return codes;
   }
 
-  const std::string app_ = dir_.File("app/");
+  const std::string app_ = dir_.File("app/"), fileA_ = app_ + "a", fileB_ = app_ + "b";
+  const char* const oneA_ = fileA_.c_str();
   const std::string path_ = "FilePath=" + app_ + "\n";
   const std::string a_ = Entry("a", "first") + path_, b_ = Entry("b", "second") + path_;
 };
@@ -52,30 +50,30 @@ TEST_F(SecureBootTest, AFlippedBitInAnyRegionIsSeen) {
   Install("FileNum=2\n" + a_ + b_);
   ASSERT_EQ(Check(), 0u);
   // With the harmless bytes: a signature's list of algorithms and its version are neither signed nor used.
-  const std::pair<std::string, uint32_t> files[] = {
-      {"a", 0}, {"demo_filelist.txt", 0}, {"demo_filelist.crl", 0}, {"demo_filelist.cms", 3}};
+  const std::pair<const char*, uint32_t> files[] = {
+      {"app/a", 0}, {"app/demo_filelist.txt", 0}, {"app/demo_filelist.crl", 0}, {"app/demo_filelist.cms", 3}};
   for (const auto& [name, harmless] : files) {
-    const std::string file = app_ + name, good = ReadFile(file);
+    const std::string good = ReadFile(dir_.File(name));
     uint32_t accepted = 0;
     for (size_t at = 0; at < good.size(); at += 1 + good.size() / 61) {
       std::string bad = good;
       bad[at] = static_cast<char>(bad[at] ^ 1 << at % 8);
-      testpki::WriteFile(file, bad);
-      const uint32_t all = Check();
-      EXPECT_EQ(Check(app_ + "a") == 0, all == 0) << name << " byte " << at;
-      if (all == 0) ++accepted;
+      dir_.Write(name, bad);
+      const bool passes = Check() == 0;
+      EXPECT_EQ(CheckOne(oneA_) == 0, passes) << name << " byte " << at;
+      if (passes) ++accepted;
     }
     EXPECT_LE(accepted, harmless) << name;
-    ASSERT_EQ(unlink(file.c_str()), 0);
-    EXPECT_TRUE(Check() != 0 && Check(app_ + "a") != 0) << name << " is missing";
-    testpki::WriteFile(file, good);
+    ASSERT_EQ(unlink(dir_.File(name).c_str()), 0);
+    EXPECT_TRUE(Check() != 0 && CheckOne(oneA_) != 0) << name << " is missing";
+    dir_.Write(name, good);
   }
 }
 
 TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
-  const std::string name = "FileName=a\n", full = Entry(app_ + "a", "first"), wrong = Entry("a", "other");
-  const std::string digest = full.substr(full.find('\n') + 1), other = wrong.substr(wrong.find('\n') + 1);
-  const std::string no = "ForceVerify=0\n", blanks(160, ' ');
+  const std::string name = "FileName=a\n", full = Entry(fileA_, "first"), wrong = Entry("a", "other");
+  const std::string digest = full.substr(full.find('\n') + 1), other = wrong + path_;
+  const std::string no = "ForceVerify=0\n", blanks(160, ' '), longPath = std::string(129, 'p') + "\n";
   const std::tuple<const char*, std::string, uint32_t> cases[] = {
       {"any order behind the name", "FileNum=1\n" + name + path_ + digest, 0},
       {"the path of the next entry", "FileNum=2\n" + full + b_, 0},
@@ -86,15 +84,14 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
       {"name of 129 characters", "FileNum=1\n" + Entry(std::string(129, 'n'), ""), 50990},
       {"digest before its name", "FileNum=1\n" + digest + name + path_, 50991},
       {"the digest of the next entry", "FileNum=2\n" + name + path_ + full, 50991},
-      {"doubled name", "FileNum=1\n" + name + full, 50991},
       {"doubled digest, the first is wrong", "FileNum=1\n" + wrong + digest + path_, 50994},
-      {"path of 129 characters", "FileNum=1\n" + full + "FilePath=" + std::string(129, 'p') + "\n", 17673},
+      {"path of 129 characters", "FileNum=1\n" + full + "FilePath=" + longPath, 17673},
       {"path on a line that is too long", "FileNum=1\n" + full + blanks + path_, 17673},
-      {"not forced", "FileNum=1\n" + wrong + path_ + no, 0},
-      {"forced by the first of two", "FileNum=1\n" + wrong + path_ + "ForceVerify=1\n" + no, 50994},
-      {"00 is forced", "FileNum=1\n" + wrong + path_ + "ForceVerify=00\n", 50994},
-      {"the next entry's switch", "FileNum=2\n" + wrong + path_ + b_ + no, 50994},
-      {"a switch before its entry", "FileNum=1\n" + no + wrong + path_, 50994},
+      {"not forced", "FileNum=1\n" + other + no, 0},
+      {"forced by the first of two", "FileNum=1\n" + other + "ForceVerify=1\n" + no, 50994},
+      {"00 is forced", "FileNum=1\n" + other + "ForceVerify=00\n", 50994},
+      {"the next entry's switch", "FileNum=2\n" + other + b_ + no, 50994},
+      {"a switch before its entry", "FileNum=1\n" + no + other, 50994},
       {"not forced, but not there", "FileNum=1\n" + Entry("gone", "") + path_ + no, 50955},
       {"not forced, but a directory", "FileNum=1\n" + Entry(".", "") + path_ + no, 50956},
   };
@@ -106,12 +103,10 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
 TEST_F(SecureBootTest, AFileThatIsNotForcedIsNamedAndTheRestIsChecked) {
   Install("FileNum=2\n" + Entry("a", "changed") + path_ + "ForceVerify=0\n" + b_);
   EXPECT_EQ(Check(), 0u);
-  EXPECT_THAT(log_.Lines(), Contains(app_ + "a hash verify err 50994, config to ignore this file"));
-  EXPECT_THAT(log_.Lines(), Contains(app_ + "b hash verify 0"));
-  EXPECT_EQ(Check(app_ + "a"), 50994u) << "kept: one file alone is always forced";
-  EXPECT_THAT(log_.Lines(), Contains("s " + app_ + "a hash verify err 50994"));
-  testpki::WriteFile(app_ + "b", "changed");
-  EXPECT_EQ(Check(), 50994u);
+  EXPECT_THAT(log_.Lines(), Contains(fileA_ + " hash verify err 50994, config to ignore this file"));
+  EXPECT_THAT(log_.Lines(), Contains(fileB_ + " hash verify 0"));
+  EXPECT_EQ(CheckOne(oneA_), 50994u) << "kept: one file alone is always forced";
+  EXPECT_THAT(log_.Lines(), Contains("s " + fileA_ + " hash verify err 50994"));
 }
 
 TEST_F(SecureBootTest, AModeSelectsItsListsAndTheFirstFailureEnds) {
@@ -119,19 +114,19 @@ TEST_F(SecureBootTest, AModeSelectsItsListsAndTheFirstFailureEnds) {
   Install("FileNum=1\n" + a_);
   Install("FileNum=1\n" + b_, "gst_");
   EXPECT_EQ(CheckModes(), (Codes{0, 0, 0, 0}));
-  EXPECT_EQ(CheckModes((app_ + "a").c_str()), (Codes{0, 51000, 51000, 0}));
-  testpki::WriteFile(app_ + "b", "changed");
+  EXPECT_EQ(CheckModes(oneA_), (Codes{0, 51000, 51000, 0}));
+  dir_.Write("app/b", "changed");
   EXPECT_EQ(CheckModes(), (Codes{0, 50994, 50994, 0}));
 }
 
 TEST_F(SecureBootTest, OneFileIsComparedBeforeTheSignatureIsAsked) {
   Install("FileNum=2\n" + a_ + b_);
-  testpki::WriteFile(app_ + "b", "changed");
-  EXPECT_EQ(Check(app_ + "a"), 0u) << "another file does not matter";
-  testpki::WriteFile(app_ + "demo_filelist.cms", "no signature");
-  EXPECT_EQ(Check(app_ + "a"), 50987u);
-  EXPECT_EQ(Check("a"), 51000u) << "the list is read first, and a file is named with its path";
-  EXPECT_EQ(Check(app_ + "b"), 50994u);
+  dir_.Write("app/b", "changed");
+  EXPECT_EQ(CheckOne(oneA_), 0u) << "another file does not matter";
+  dir_.Write("app/demo_filelist.cms", "no signature");
+  EXPECT_EQ(CheckOne(oneA_), 50987u);
+  EXPECT_EQ(CheckOne("a"), 51000u) << "the list is read first, and a file is named with its path";
+  EXPECT_EQ(CheckOne(fileB_.c_str()), 50994u);
   EXPECT_EQ(Check(), 50987u) << "the other way round for all files";
 }
 
@@ -147,15 +142,16 @@ TEST_F(SecureBootTest, HooksChangeBlockAndPathsForEveryStepOrRefuse) {
     if (adjust != 0 || std::string_view(path) != "here") return 7u;
     return static_cast<uint32_t>(strncpy_s(path, size, list, text.rfind('/') + 1));
   });
-  EXPECT_EQ(Check(), 0u) << "the caller's list was looked at";
-  EXPECT_EQ(Check(app_ + "a"), 0u);
+  const auto expectBoth = [&](uint32_t code, const char* why) {
+    EXPECT_EQ(Check(), code) << why;
+    EXPECT_EQ(CheckOne(oneA_), code) << why;
+  };
+  expectBoth(0, "the caller's list was looked at");
   EXPECT_EQ(VerifyFileHashInfFilelist((app_ + "gst_demo_filelist.txt").c_str(), 1), 7u);
-  testpki::WriteFile(app_ + "gst_demo_filelist.cms", "no signature");
-  EXPECT_EQ(Check(), 50987u) << "the caller's signature was looked at";
-  EXPECT_EQ(Check(app_ + "a"), 50987u);
+  dir_.Write("app/gst_demo_filelist.cms", "no signature");
+  expectBoth(50987, "the caller's signature was looked at");
   SetSecureBootMultiSign([](SIGNATURE_VERIFY_BLOCK_S&) { return 8u; });
-  EXPECT_EQ(Check(), 8u);
-  EXPECT_EQ(Check(app_ + "a"), 8u);
+  expectBoth(8, "a refusal was passed over");
   SetSecureBootMultiSign(nullptr);
   SetSecureBootAdjustPath(nullptr);
 }

@@ -4,7 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
+#include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,8 +28,7 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 inline bool Exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
+  return access(path.c_str(), F_OK) == 0;
 }
 
 class VerifyTest : public ::testing::Test {
@@ -49,10 +48,7 @@ class VerifyTest : public ::testing::Test {
   }
 
   std::string UpdateFile(const std::string& name) const { return dir_.File("update/" + name); }
-  std::string StoredFile(const std::string& name = "signature.crl") const {
-    return dir_.File("stored/" + name);
-  }
-  std::string StoredText() const { return ReadFile(StoredFile()); }
+  std::string StoredFile(const std::string& name) const { return dir_.File("stored/" + name); }
 
   static std::string Text(const testpki::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
@@ -60,12 +56,9 @@ class VerifyTest : public ::testing::Test {
   static std::string DigestOf(const std::string& bytes) {
     unsigned char digest[32];
     TOLA_CHECK(EVP_Digest(bytes.data(), bytes.size(), digest, nullptr, EVP_sha256(), nullptr) == 1);
-    std::string text;
-    for (const unsigned char byte : digest) {
-      char pair[3];
-      (void)snprintf(pair, sizeof(pair), "%02x", byte);
-      text += pair;
-    }
+    char text[65];
+    TOLA_CHECK(OPENSSL_buf2hexstr_ex(text, sizeof(text), nullptr, digest, sizeof(digest), '\0') == 1);
+    for (char& c : text) c = static_cast<char>(tolower(c));
     return text;
   }
 
