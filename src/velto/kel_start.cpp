@@ -1,4 +1,5 @@
 /// Start of the runtime, and how busy the machine is.
+#include <malloc.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,6 +18,16 @@ uint32_t (*g_pfnUsrAdjustHook)(void) = nullptr;
 
 namespace velto {
 namespace {
+
+/// Freed memory that the heap keeps, and the smallest block outside of it; the most that mallopt(3) takes
+/// there. With the usual 128 KiB a stream of messages of some frames each has its pages given back and
+/// faulted in again for every message, which costs more than their way through the queue.
+constexpr int kHeapKeeps = sizeof(void*) == 8 ? 2 * 1024 * 1024 : 512 * 1024;
+
+void KeepHeap() {
+  (void)mallopt(M_TRIM_THRESHOLD, kHeapKeeps);
+  (void)mallopt(M_MMAP_THRESHOLD, kHeapKeeps);
+}
 
 struct CpuTimes {
   uint64_t all = 0;
@@ -53,6 +64,7 @@ uint32_t KEL_Start([[maybe_unused]] void* reserved) {
   uint32_t taskId = 0;
   const uint32_t result = KEL_TaskAdopt("main", &taskId);
   if (result == 0 && !started.exchange(true)) {
+    velto::KeepHeap();
     char fifo[velto::kCfgTextSize] = "";
     if (KEL_CfgTextGet("clock.control", fifo, sizeof(fifo)) == 0) velto::ClockControlStart(fifo);
   }
