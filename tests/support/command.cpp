@@ -37,4 +37,8 @@ CommandResult RunCommand(const std::vector<std::string>& arguments) {
   return result;
 }
 
+CommandResult RunShell(const std::string& directory, const std::string& commands) {
+  return RunCommand({"sh", "-ec", "cd '" + directory + "'\n" + commands});
+}
+
 }  // namespace support

@@ -14,5 +14,7 @@ struct CommandResult {
 /// Runs `arguments` (the program first, looked up on the path) with an empty standard input and waits for its
 /// end.
 CommandResult RunCommand(const std::vector<std::string>& arguments);
+/// Runs shell commands in `directory`, up to the first that fails.
+CommandResult RunShell(const std::string& directory, const std::string& commands);
 
 }  // namespace support

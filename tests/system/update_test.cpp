@@ -36,9 +36,8 @@ class UpdateTest : public testing::Test {
   }
   /// Runs shell commands in the maker's directory; "pack" is the package tool.
   void Make(const std::string& commands) const {
-    const auto run = support::RunCommand(
-        {"sh", "-ec",
-         "cd " + dir_.path() + "; pack() { " TOLA_BUILD_DIR "/bin/update_pack \"$@\"; }; " + commands});
+    const auto run =
+        support::RunShell(dir_.path(), "pack() { " TOLA_BUILD_DIR "/bin/update_pack \"$@\"; }; " + commands);
     EXPECT_EQ(run.status, 0) << commands << ":\n" << run.output;
   }
   /// Makes a package, copies it onto the board as /mnt/update/NAME and returns the options that ask for it.
