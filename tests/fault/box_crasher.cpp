@@ -1,4 +1,5 @@
-/// A process with an exception box that comes to the end that its arguments say: box_crasher DIRECTORY END.
+/// A process with an exception box that comes to the end that its arguments say: box_crasher DIRECTORY END. A
+/// number is a signal that it sends itself.
 ///
 /// Four tasks run: "main", two that wait, and the one that faults. The clock stands until every other task
 /// has written its block; then a thread that is no task lets the five seconds pass.
@@ -7,15 +8,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -23,6 +21,7 @@
 #include "fault/box.h"
 #include "fault/feature_fault_manager.h"
 #include "log/file_public.h"
+#include "support/temp_dir.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_clock.h"
 #include "velto/kel_sync.h"
@@ -42,11 +41,6 @@ std::string File(const char* name) {
   return g_directory + "/" + name;
 }
 
-std::string Content(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 size_t Count(const std::string& text, const char* part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
@@ -57,13 +51,6 @@ void Limit(int what, rlim_t bytes) {
   const struct rlimit limit = {bytes, bytes};
   (void)setrlimit(what, &limit);
 }
-int Made(const char* name) {
-  return open(File(name).c_str(), O_RDWR | O_CREAT, 0600);
-}
-volatile char* Page(int fd, int flags) {
-  return static_cast<volatile char*>(mmap(nullptr, 4096, PROT_READ, flags, fd, 0));
-}
-
 [[gnu::noinline]] void WriteToNull() {  // beside it: the sanitizers would not let null itself pass
   *reinterpret_cast<volatile int*>(static_cast<uintptr_t>(g_zero + 64)) = 1;
 }
@@ -71,13 +58,6 @@ volatile char* Page(int fd, int flags) {
   volatile char frame[512] = {};
   frame[depth % 512] = 1;
   return depth < 0 ? 0 : UseUpStack(depth + 1) + frame[0];
-}
-void Divide() {
-#if defined(__arm__)
-  (void)raise(SIGFPE);  // the division does not trap there
-#else
-  __asm__ volatile("idivl %2" : : "a"(1), "d"(0), "r"(0));
-#endif
 }
 void FaultWithoutStack() {  // nothing can be read where the stack should be, so walking it faults again
 #if defined(__x86_64__)
@@ -94,19 +74,15 @@ void CountRefreshes() {
   for (int second = 1; second <= 1200; ++second) {
     (void)unlink(File("box.tola.map.tmp").c_str());
     (void)CBoxManager::GetInstance()->RefreshMapOnSecond();
-    if (Count(Content(File("box.tola.map.tmp")), "box_crasher") > 0) printf("refreshed %d\n", second);
+    if (Count(support::ReadFile(File("box.tola.map.tmp")), "box_crasher") > 0)
+      printf("refreshed %d\n", second);
   }
 }
 
-/// Says which signals commands find ignored, started in each way that there is.
-void StartCommands() {
+/// Says which signals a command finds ignored.
+void StartCommand() {
   for (const int signal : {SIGUSR1, SIGUSR2, SIGPIPE}) (void)raise(signal);
-  constexpr char kCommand[] = "grep SigIgn /proc/self/status";
-  (void)!TOLA_System(kCommand);
-  (void)!tola_excev("", 0, kCommand, nullptr);
-  const base::PipePtr pipe(popen(kCommand, "r"));
-  char line[64] = {};
-  if (pipe && fgets(line, sizeof(line), pipe.get()) != nullptr) printf("%s", line);
+  (void)!TOLA_System("grep SigIgn /proc/self/status");
 }
 
 struct End {
@@ -116,19 +92,13 @@ struct End {
 };
 constexpr End kEnds[] = {
     {"null", WriteToNull},
-    {"constant", [] { *Page(-1, MAP_PRIVATE | MAP_ANONYMOUS) = 1; }},
     {"stack", [] { (void)UseUpStack(g_zero); }},
     {"abort", abort},
-    {"divide", Divide},
-    {"trap", [] { __builtin_trap(); }},
-    {"bus", [] { (void)*Page(Made("empty"), MAP_SHARED); }},
-    {"cpu", [] { (void)raise(SIGXCPU); }},
     {"limit",
      [] {
        Limit(RLIMIT_FSIZE, 0x100000);
-       (void)!pwrite(Made("long"), "x", 1, 0x100000);
+       (void)!pwrite(open(File("long").c_str(), O_RDWR | O_CREAT, 0600), "x", 1, 0x100000);
      }},
-    {"heart", [] { (void)raise(kBoxHeartTimeoutSignal); }},
     {"full",
      [] {
        Limit(RLIMIT_FSIZE, 3000);
@@ -144,7 +114,7 @@ constexpr End kEnds[] = {
        abort();
      }},
     {"refresh", CountRefreshes, false},
-    {"commands", StartCommands, false},
+    {"commands", StartCommand, false},
     {"none", [] {}, false},
 };
 
@@ -159,11 +129,12 @@ void CountTaskInfo(int signal, siginfo_t* info, void* context) {
 }
 
 void Waiter(uintptr_t faults, uintptr_t, uintptr_t, uintptr_t) {
-  if (faults != 0) Divide();
+  if (faults != 0) (void)raise(SIGFPE);
   AwaitSignals();
 }
 
-void RunEnd(uintptr_t end, uintptr_t, uintptr_t, uintptr_t) {
+void RunEnd(uintptr_t end, uintptr_t signal, uintptr_t, uintptr_t) {
+  if (signal != 0) (void)raise(static_cast<int>(signal));
   reinterpret_cast<const End*>(end)->run();
 }
 
@@ -171,7 +142,7 @@ void RunEnd(uintptr_t end, uintptr_t, uintptr_t, uintptr_t) {
 bool Has(uint32_t task, const char* row, int signal) {
   int32_t thread = 0;
   (void)KEL_TaskThreadIdGet(task, &thread);
-  const std::string status = Content("/proc/self/task/" + std::to_string(thread) + "/status");
+  const std::string status = support::ReadFile("/proc/self/task/" + std::to_string(thread) + "/status");
   const size_t at = status.find(row);
   return at != std::string::npos &&
          (strtoull(status.c_str() + at + strlen(row), nullptr, 16) >> (signal - 1) & 1) != 0;
@@ -195,7 +166,7 @@ void AwaitBoth() {
     return g_written >= 3 || (g_written == 2 && (Has(kSecondWaiter, kPending, kBoxTaskInfoSignal) ||
                                                  Has(kCrasher, kPending, kBoxTaskInfoSignal)));
   });
-  Await([] { return Count(Content(File("box.tola.tmp")), "Show CallStack\n") >= 4; });
+  Await([] { return Count(support::ReadFile(File("box.tola.tmp")), "Show CallStack\n") >= 4; });
   (void)KEL_SemaP(g_saveFile, KEL_WAIT_FOREVER);  // the last block is whole
 }
 
@@ -233,7 +204,7 @@ int Run(const End& end) {
   if (isTwice && (KEL_SemaCreate("next", 1, 0, &g_saveFile) != 0 || KEL_SemaP(--g_saveFile, 0) != 0))
     return 98;
   const uintptr_t second[4] = {isTwice ? 1u : 0u, 0, 0, 0};
-  const uintptr_t chosen[4] = {reinterpret_cast<uintptr_t>(&end), 0, 0, 0};
+  const uintptr_t chosen[4] = {reinterpret_cast<uintptr_t>(&end), strtoul(end.name, nullptr, 10), 0, 0};
   if (KEL_TaskCreate("Waiter", &id, Waiter, 1, 0, 0, nullptr) != 0 ||
       KEL_TaskCreate("SecondWaiter", &id, Waiter, 1, 0, 0, second) != 0 || id != kSecondWaiter) {
     return 98;
@@ -252,5 +223,5 @@ int main(int argc, char** argv) {
   for (const End& end : kEnds) {
     if (strcmp(end.name, argv[2]) == 0) return Run(end);
   }
-  return 2;
+  return Run({argv[2], [] {}});
 }
