@@ -14,10 +14,9 @@ namespace {
 /// Ten seconds of a process whose only task is overdue in the third.
 int RunChild() {
   uint32_t task = 0;
-  bool ok = KEL_TaskAdopt("late", &task) == 0 && TOLA_HeartBeatManagerInit(2) == 0 &&
-            TOLA_RegThreadHeartBeat(3, 0) == 0;
-  for (uint32_t second = 0; second < 10; ++second) ok = ok && TOLA_HeartBeatProcessSecondEvent() == 0;
-  return ok ? 0 : 1;
+  uint32_t ret = KEL_TaskAdopt("late", &task) + TOLA_HeartBeatManagerInit(2) + TOLA_RegThreadHeartBeat(3, 0);
+  for (uint32_t second = 0; second < 10; ++second) ret += TOLA_HeartBeatProcessSecondEvent();
+  return ret == 0 ? 0 : 1;
 }
 
 const char* g_program = nullptr;
