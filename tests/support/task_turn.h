@@ -27,9 +27,8 @@ class TaskTurns {
     while (Asleep() == before) (void)sched_yield();
   }
 
- private:
   /// Waits until the task sleeps; the line that tells how often it went to sleep so far.
-  [[nodiscard]] std::string Asleep() const {
+  std::string Asleep() const {
     for (;; (void)sched_yield()) {
       std::ifstream file(status_);
       const std::string text{std::istreambuf_iterator<char>(file), {}};
@@ -39,6 +38,7 @@ class TaskTurns {
     }
   }
 
+ private:
   std::string status_;
 };
 

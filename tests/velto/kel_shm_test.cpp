@@ -12,10 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "velto/kel_support.h"
+#include "support/random.h"
 #include "velto/shm_partition.h"
 
 namespace {
+
+using support::Below;
 
 constexpr uint32_t kSize = 16384;
 constexpr uint32_t kEntries = 100;
@@ -51,54 +53,49 @@ class KelShmTest : public testing::Test {
   uint32_t number_ = 99;
 };
 
-struct Block {
-  uint8_t* at;
-  uint32_t size;
-  uint8_t fill;
-};
+/// Blocks by name, each filled with its first byte.
+using Model = std::map<std::string, std::pair<uint8_t*, uint32_t>>;
+
+void GiveBack(const std::string& name, void* block) {
+  EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(name.c_str(), block), 0u);
+  EXPECT_EQ(KEL_ShmStruKvMemPtFree(block), 0u);
+}
 
 /// One step against the model: enters a new block by a random name, or gives a known one back.
-void Step(std::mt19937& random, uint32_t partition, std::map<std::string, Block>& model) {
+void Step(std::mt19937& random, uint32_t partition, Model& model) {
   const std::string name = "key" + std::to_string(Below(random, 150));
   const auto known = model.find(name);
   void* found = nullptr;
   uint32_t size = 0;
+  const uint32_t got = KEL_ShmStruKvMemEntryGet(partition, name.c_str(), &found, &size);
   if (known != model.end()) {
-    const Block block = known->second;
-    ASSERT_EQ(KEL_ShmStruKvMemEntryGet(partition, name.c_str(), &found, &size), 0u) << name << " is lost";
-    EXPECT_EQ(found, block.at);
-    EXPECT_EQ(size, block.size);
-    for (uint32_t i = 0; i < size; ++i) ASSERT_EQ(block.at[i], block.fill) << "blocks overlap";
-    EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(name.c_str(), block.at), 0u);
-    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), 0u);
-    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), kKelErrShmBlock) << "given back twice";
+    ASSERT_EQ(got, 0u) << name << " is lost";
+    EXPECT_EQ(std::pair(static_cast<uint8_t*>(found), size), known->second);
+    for (uint32_t i = 0; i < size; ++i)
+      ASSERT_EQ(known->second.first[i], *known->second.first) << "blocks overlap";
+    GiveBack(name, found);
+    EXPECT_EQ(KEL_ShmStruKvMemPtFree(found), kKelErrShmBlock) << "given back twice";
     model.erase(known);
     return;
   }
-  EXPECT_EQ(KEL_ShmStruKvMemEntryGet(partition, name.c_str(), &found, &size), kKelErrShmName);
+  EXPECT_EQ(got, kKelErrShmName);
   size = Below(random, 400) + 1;
   found = KEL_ShmStruKvMemPtAlloc(partition, size);
   if (found == nullptr) return;
   ASSERT_EQ(reinterpret_cast<uintptr_t>(found) % 16, 0u);
-  const Block block{static_cast<uint8_t*>(found), size, static_cast<uint8_t>(random())};
-  const uint32_t entered = KEL_ShmStruKvMemEntrySet(name.c_str(), block.at, size);
+  const uint32_t entered = KEL_ShmStruKvMemEntrySet(name.c_str(), found, size);
   EXPECT_EQ(entered, model.size() == kEntries ? kKelErrShmFull : 0u);
-  if (entered != 0) return (void)KEL_ShmStruKvMemPtFree(block.at);
-  memset(block.at, block.fill, size);
-  model.emplace(name, block);
+  if (entered != 0) return (void)KEL_ShmStruKvMemPtFree(found);
+  memset(found, static_cast<uint8_t>(random()), size);
+  model.emplace(name, std::pair(static_cast<uint8_t*>(found), size));
 }
 
 TEST_F(KelShmTest, BlocksAndDirectoryHoldWhatAModelHolds) {
   ASSERT_EQ(Create(kKelShmInherited), 0u);
-  const uint32_t seed = std::random_device{}();
-  printf("seed %u\n", seed);
-  std::mt19937 random(seed);
-  std::map<std::string, Block> model;
+  std::mt19937 random = support::NewRandom();
+  Model model;
   for (int i = 0; i < 30000 && !HasFatalFailure(); ++i) Step(random, number_, model);
-  for (const auto& [name, block] : model) {
-    EXPECT_EQ(KEL_ShmStruKvMemEntryUnset(name.c_str(), block.at), 0u);
-    EXPECT_EQ(KEL_ShmStruKvMemPtFree(block.at), 0u);
-  }
+  for (const auto& [name, block] : model) GiveBack(name, block.first);
   ExpectAllFree();
 }
 
@@ -108,14 +105,14 @@ TEST_F(KelShmTest, ForkedProcessesShareAPartitionWithoutLosingABlock) {
   for (uint32_t seed = 1; seed <= 3; ++seed) {
     children.push_back(Fork([&] {
       std::mt19937 random(seed);
+      const std::string name = std::to_string(seed);
       for (int i = 0; i < 5000; ++i) {
         const uint32_t size = Below(random, 300) + 1;
-        void* block = KEL_ShmStruKvMemPtAlloc(number_, size);
-        const std::string name = std::to_string(getpid());
+        auto* block = static_cast<uint8_t*>(KEL_ShmStruKvMemPtAlloc(number_, size));
         if (block == nullptr || KEL_ShmStruKvMemEntrySet(name.c_str(), block, size) != 0) return 1;
         memset(block, static_cast<int>(seed), size);
         for (uint32_t at = 0; at < size; ++at) {
-          if (static_cast<uint8_t*>(block)[at] != seed) return 2;
+          if (block[at] != seed) return 2;
         }
         if (KEL_ShmStruKvMemEntryUnset(name.c_str(), block) != 0 || KEL_ShmStruKvMemPtFree(block) != 0)
           return 3;
@@ -128,14 +125,14 @@ TEST_F(KelShmTest, ForkedProcessesShareAPartitionWithoutLosingABlock) {
 }
 
 TEST_F(KelShmTest, AProcessThatComesLaterJoinsByNameAndSeesTheSameAddresses) {
-  ASSERT_EQ(Join(Fork([&] {
-              if (Create(kKelShmNamed) != 0) return 1;
-              void* block = KEL_ShmStruKvMemPtAlloc(number_, sizeof(void*));
-              if (block == nullptr || KEL_ShmStruKvMemEntrySet("self", block, sizeof(void*)) != 0) return 2;
-              memcpy(block, &block, sizeof(block));
-              return 0;
-            })),
-            0);
+  const pid_t first = Fork([&] {
+    if (Create(kKelShmNamed) != 0) return 1;
+    void* block = KEL_ShmStruKvMemPtAlloc(number_, sizeof(void*));
+    if (block == nullptr || KEL_ShmStruKvMemEntrySet("self", block, sizeof(void*)) != 0) return 2;
+    memcpy(block, &block, sizeof(block));
+    return 0;
+  });
+  ASSERT_EQ(Join(first), 0);
   EXPECT_EQ(Create(kKelShmNamed, kSize + 1), kKelErrShmForeign) << "joined with another size";
   EXPECT_EQ(Create(kKelShmNamed, kSize, kEntries + 1), kKelErrShmForeign);
   ASSERT_EQ(Create(kKelShmNamed), 0u);
@@ -143,6 +140,11 @@ TEST_F(KelShmTest, AProcessThatComesLaterJoinsByNameAndSeesTheSameAddresses) {
   uint32_t size = 0;
   ASSERT_EQ(KEL_ShmStruKvMemEntryGet(number_, "self", &block, &size), 0u);
   EXPECT_EQ(*static_cast<void**>(block), block) << "an address in the partition means something else here";
+  const std::string path = std::string("/dev/shm/velto.") + name_.name;
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+  uint32_t other = 99;
+  EXPECT_EQ(KEL_ShmStruKvMemPtCreate(&name_, kSize, kEntries, kKelShmNamed, &other), kKelErrShmForeign)
+      << "joined what others may write";
 
   ASSERT_EQ(KEL_ShmStruKvMemPtDelete(number_), 0u);
   EXPECT_EQ(KEL_ShmStruKvMemPtDelete(number_), kKelErrShmId);
@@ -151,19 +153,12 @@ TEST_F(KelShmTest, AProcessThatComesLaterJoinsByNameAndSeesTheSameAddresses) {
       << "the name outlived its end";
 }
 
-TEST_F(KelShmTest, ANameThatOthersMayOpenIsNotJoined) {
-  ASSERT_EQ(Create(kKelShmNamed), 0u);
-  const std::string path = std::string("/dev/shm/velto.") + name_.name;
-  ASSERT_EQ(chmod(path.c_str(), 0666), 0);
-  EXPECT_EQ(Create(kKelShmNamed), kKelErrShmForeign);
-}
-
 TEST_F(KelShmTest, WrongArgumentsAreRefused) {
-  EXPECT_EQ(Create(kKelShmInherited, 0), kKelErrShmPara);
-  EXPECT_EQ(Create(kKelShmInherited, kSize, 0), kKelErrShmPara);
   EXPECT_EQ(Create(kKelShmInherited, 0xFFFFFFFF, 0xFFFFFFFF), kKelErrShmPara) << "a sum that wraps";
-  name_ = {"../x"};
-  EXPECT_EQ(Create(kKelShmNamed), kKelErrShmPara);
+  for (const char* name : {"../x", ""}) {
+    (void)snprintf(name_.name, sizeof(name_.name), "%s", name);
+    EXPECT_EQ(Create(kKelShmNamed), kKelErrShmPara) << name;
+  }
   memset(name_.name, 'x', sizeof(name_.name));
   EXPECT_EQ(Create(kKelShmInherited), kKelErrShmPara) << "a name without an end";
   name_ = {"x"};
@@ -173,15 +168,12 @@ TEST_F(KelShmTest, WrongArgumentsAreRefused) {
   }
   EXPECT_EQ(Create(kKelShmInherited), kKelErrShmFull);
 
-  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(kKelShmPartitionMax, 8), nullptr);
-  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, 0), nullptr);
-  EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, 0xFFFFFFFF), nullptr);
+  for (const uint32_t size : {0u, 0xFFFFFFFF}) EXPECT_EQ(KEL_ShmStruKvMemPtAlloc(0, size), nullptr);
   auto* block = static_cast<uint8_t*>(KEL_ShmStruKvMemPtAlloc(0, 64));
   ASSERT_NE(block, nullptr);
   for (void* none : {static_cast<void*>(block + 16), static_cast<void*>(block + 1), static_cast<void*>(this)})
     EXPECT_EQ(KEL_ShmStruKvMemPtFree(none), kKelErrShmBlock);
   EXPECT_EQ(KEL_ShmStruKvMemEntrySet("n", block, 65), kKelErrShmBlock) << "more than the block has";
-  EXPECT_EQ(KEL_ShmStruKvMemEntrySet("", block, 64), kKelErrShmPara);
   const std::string tooLong(24, 'n');
   const char* longest = tooLong.c_str() + 1;
   EXPECT_EQ(KEL_ShmStruKvMemEntrySet(tooLong.c_str(), block, 64), kKelErrShmPara);

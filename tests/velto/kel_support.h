@@ -4,10 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <random>
-#include <string>
 #include <thread>
 
 #include "velto/kel_clock.h"
@@ -22,11 +19,6 @@ class ClockModeScope {
   ClockModeScope& operator=(const ClockModeScope&) = delete;
 };
 
-/// A random number below `limit`, the same for a seed everywhere.
-inline uint32_t Below(std::mt19937& random, uint32_t limit) {
-  return static_cast<uint32_t>(random() % limit);
-}
-
 /// Waits in real time until `condition` holds, for 30 s at most; true when it does.
 inline bool Eventually(const std::function<bool()>& condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -37,29 +29,15 @@ inline bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-/// Waits until the kernel shows task `id` asleep, so that what comes next must wake it.
-inline bool FallsAsleep(uint32_t id) {
-  int32_t threadId = 0;
-  if (KEL_TaskThreadIdGet(id, &threadId) != 0) return false;
-  return Eventually([threadId] {
-    std::ifstream file("/proc/self/task/" + std::to_string(threadId) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    return line.find(") S ") != std::string::npos;
-  });
-}
-
 /// A task that runs a function; joined, slot included, at the end of its life.
 class TestTask {
  public:
   TestTask(const char* name, std::function<void()> body) : body_(std::move(body)) {
     const uintptr_t args[4] = {reinterpret_cast<uintptr_t>(&body_), 0, 0, 0};
-    created_ = KEL_TaskCreate(
-        name, &id_,
-        [](uintptr_t arg, uintptr_t, uintptr_t, uintptr_t) {
-          (*reinterpret_cast<std::function<void()>*>(arg))();
-        },
-        20, 0, 0, args);
+    const auto entry = [](uintptr_t arg, uintptr_t, uintptr_t, uintptr_t) {
+      (*reinterpret_cast<std::function<void()>*>(arg))();
+    };
+    EXPECT_EQ(KEL_TaskCreate(name, &id_, entry, 20, 0, 0, args), 0u);
   }
   ~TestTask() { Join(); }
   TestTask(const TestTask&) = delete;
@@ -70,11 +48,17 @@ class TestTask {
     EXPECT_EQ(KEL_TaskWait(id_, KEL_WAIT_FOREVER), 0u) << "task " << id_ << " did not end";
     id_ = 0;
   }
+  /// Moves the time on by `milliseconds`, again and again since the task may not wait yet, until it has
+  /// ended.
+  [[nodiscard]] bool EndsWhenTimeMoves(uint64_t milliseconds) const {
+    return Eventually([this, milliseconds] {
+      KEL_ClockAdvanceMs(milliseconds);
+      return KEL_TaskIsValid(id_) == 0;
+    });
+  }
   [[nodiscard]] uint32_t id() const { return id_; }
-  [[nodiscard]] uint32_t created() const { return created_; }
 
  private:
   std::function<void()> body_;
   uint32_t id_ = 0;
-  uint32_t created_ = 0;
 };
