@@ -47,17 +47,6 @@ class EngineTest : public CmsTest {
 };
 using Ending = std::pair<uint32_t, uint32_t>;
 
-TEST_F(EngineTest, WrongSizesAreRefused) {
-  const SIGVFY_CTX_PARAM_S param = {.size = 67, .reserved = {}};
-  SigvfyCtx* made = nullptr;
-  EXPECT_EQ(SigvfyVerifyCreateCtx(&made, &param), kSigvfyErrSize);
-  const Bytes huge(kSigvfyMaxBuffer + 1, '-');
-  EXPECT_EQ(AddCert({huge.begin(), huge.begin()}), kSigvfyErrArgument);
-  EXPECT_EQ(AddCert(huge), kSigvfyErrTooLong);
-  EXPECT_EQ(Begin(huge), kSigvfyErrTooLong);
-  EXPECT_THAT(g_lines, testing::Contains(testing::HasSubstr("SigvfyCheckBufLen 88000205")));
-}
-
 TEST_F(EngineTest, CertificateBuffers) {
   const Identity second = MakeRoot({.name = "second"});
   Bytes two = root.Der();
@@ -73,12 +62,16 @@ TEST_F(EngineTest, CertificateBuffers) {
       {"a private key", BytesOf(pem + PemOf("PRIVATE KEY", der)), kSigvfyErrDecode},
       {"a list", crl, kSigvfyErrDecode},
   };
+  const Bytes huge(kSigvfyMaxBuffer + 1, '-');
   for (const auto& [what, bytes, code] : rows) {
     ASSERT_EQ(SigvfyResetCert(ctx.get(), 0) + SigvfyResetCrl(ctx.get()), 0u);
     EXPECT_EQ(AddCert(bytes), code) << what;
     ASSERT_EQ(AddCrl(crl), 0u);
     EXPECT_EQ(Begin(good), code == 0 ? 0 : kSigvfyErrChain) << "half a bad buffer is an anchor: " << what;
   }
+  EXPECT_EQ(AddCert(huge), kSigvfyErrTooLong);
+  EXPECT_EQ(Begin(huge), kSigvfyErrTooLong);
+  EXPECT_THAT(g_lines, testing::Contains(testing::HasSubstr("SigvfyCheckBufLen 88000205")));
 }
 
 TEST_F(EngineTest, OnlyWholeStepsGiveAYes) {
@@ -86,7 +79,7 @@ TEST_F(EngineTest, OnlyWholeStepsGiveAYes) {
   EXPECT_EQ(Final(), Ending(kSigvfyErrState, 0)) << "a verification that was never begun succeeded";
   EXPECT_EQ(Update(text), kSigvfyErrState);
   for (const bool whole : {true, false}) {
-    ASSERT_EQ(Begin(good), 0u) << "the stores stay filled between steps" << Log();
+    ASSERT_EQ(Begin(good), 0u) << "the stores stay filled between steps";
     for (const char& c : text.substr(whole ? 0 : 1)) ASSERT_EQ(Update({&c, 1}), 0u);
     EXPECT_EQ(Final(), Ending(0, whole ? 1 : 0));
     EXPECT_EQ(Final(), Ending(kSigvfyErrState, 0)) << "one verification gave two results";
@@ -97,15 +90,6 @@ TEST_F(EngineTest, OnlyWholeStepsGiveAYes) {
 
   ASSERT_EQ(SigvfyResetCrl(ctx.get()), 0u);
   EXPECT_EQ(Begin(good), kSigvfyErrUncovered);
-  ASSERT_EQ(AddCrl(crl), 0u);
-  const SIGNATURE_VERIFY_BLOCK_S request = Request(Good());
-  for (const bool full : {true, false}) {
-    uint32_t flag = 7;
-    EXPECT_EQ(SigvfyVerifyDetachSignatureQuick(ctx.get(), request.contentPath, request.signaturePath, &flag),
-              full ? 0 : kSigvfyErrChain)
-        << "the quick way leaves the stores empty";
-    EXPECT_EQ(flag, full ? 1u : 0u);
-  }
 }
 
 TEST_F(EngineTest, ListsAreAuthenticatedWithoutRegardToTheirTime) {
@@ -126,7 +110,7 @@ TEST_F(EngineTest, ListsAreAuthenticatedWithoutRegardToTheirTime) {
   };
   CrlFilePtr list;
   for (const auto& [what, bytes, code] : rows) {
-    EXPECT_EQ(Decode(bytes, list), code) << what << "\n" << Log();
+    EXPECT_EQ(Decode(bytes, list), code) << what;
     EXPECT_EQ(list == nullptr, code != 0) << what;
   }
   for (size_t i = 0; i < crl.size(); i += 3) {
@@ -149,11 +133,8 @@ TEST_F(EngineTest, ComparisonOfLists) {
     return BytesOf(CrlPem(at(rootTime)) + CrlPem(MakeCrl(extra, {.thisUpdate = extraTime})));
   };
   const std::tuple<const char*, Bytes, Bytes, uint32_t> rows[] = {
-      {"later", at(t + 1), at(t), 1},
       {"equal", at(t, 3), at(t, 3), 0},
       {"higher number", at(t, 300), at(t, 9), 1},
-      {"lower number", at(t, 9), at(t, 300), 0},
-      {"date before number", at(t, 9), at(t - 1, 10), 1},
       {"a number where there was none", at(t, 1), at(t), 1},
       {"other issuer", MakeCrl(extra, {.thisUpdate = t + 1}), at(t), 0},
       {"one of two later", pair(t + 1, t), pair(t, t), 1},
@@ -163,7 +144,7 @@ TEST_F(EngineTest, ComparisonOfLists) {
   };
   for (const auto& [what, one, other, expected] : rows) {
     CrlFilePtr first, second;
-    ASSERT_EQ(Decode(one, first) + Decode(other, second), 0u) << what << "\n" << Log();
+    ASSERT_EQ(Decode(one, first) + Decode(other, second), 0u) << what;
     uint32_t newer = 7;
     EXPECT_EQ(SigvfyCompareCrl(first.get(), second.get(), &newer), 0u);
     EXPECT_EQ(newer, expected) << what;

