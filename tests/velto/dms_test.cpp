@@ -7,13 +7,11 @@
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <random>
@@ -22,6 +20,7 @@
 #include <vector>
 
 #include "base/owners.h"
+#include "support/at_once.h"
 #include "support/inbox.h"
 #include "support/temp_dir.h"
 #include "velto/dms_peer.h"
@@ -29,7 +28,6 @@
 #include "velto/kel_cfg.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_support.h"
-#include "velto/rtf.h"
 
 namespace {
 
@@ -63,76 +61,102 @@ class Runtime {
     static Runtime runtime;
     return runtime;
   }
-  [[nodiscard]] std::string Config(const std::string& name, const std::string& dir, int answerMs,
-                                   const std::string& peerUser = "") const {
-    return files_.Write(name, "dms.dir=" + dir + "\ndms.peer_user=" + peerUser +
-                                  "\ndms.answer_ms=" + std::to_string(answerMs) + "\n");
+  // A configuration file with sockets in the directory `dir`.
+  [[nodiscard]] std::string Config(const std::string& dir, int answerMs, const std::string& user = "") const {
+    return files.Write("feature" + std::to_string(++configs_) + ".cfg",
+                       "dms.dir=" + files.File(dir) + "\ndms.answer_ms=" + std::to_string(answerMs) +
+                           "\ndms.peer_user=" + user + "\n");
   }
-  [[nodiscard]] std::string SocketFile(uint32_t process) const {
-    return dir() + "/" + kPeerIp + "_" + std::to_string(process);
+  [[nodiscard]] std::string SocketFile(uint32_t process, const std::string& dir = "dms") const {
+    return files.File(dir + "/" + kPeerIp + "_" + std::to_string(process));
   }
-  [[nodiscard]] std::string dir() const { return files_.File("dms"); }
-  [[nodiscard]] const std::string& config() const { return config_; }
-  [[nodiscard]] const support::TempDir& files() const { return files_; }
+
+  const support::TempDir files;
 
  private:
-  Runtime() : config_(Config("feature.cfg", dir(), 20000)) {
+  Runtime() {
     // A short time to wait for answers here, so that what never answers is soon known to.
-    EXPECT_EQ(KEL_CfgdbInitByFsldr(Config("own.cfg", dir(), 10000).c_str()), 0u);
+    EXPECT_EQ(KEL_CfgdbInitByFsldr(Config("dms", 10000).c_str()), 0u);
     EXPECT_EQ(KEL_Start(nullptr), 0u);
     EXPECT_EQ(DMS_MeshCamProcAddrItemAdd(kPeerIp, kTestProcess), 0u);
-    const RtfCompTypeInfo type{"TEST", "1.0.0", 1, nullptr, nullptr, Keep};
-    const RtfCompInst instance{kTestCsi, CpiOf(kTestCsi)};
-    EXPECT_EQ(RTF_CompTypeRegister(kTestCsi, &type), 0u);
-    for (uint32_t stage = 0; stage < 3; ++stage)
-      EXPECT_EQ(RTF_CompInstCreate(stage, kTestCsi, &instance), 0u);
-    EXPECT_EQ(RTF_ScmCompStmMaxMsgNumSet(instance.cpi, 0, 0, 1000), 0u) << "no answer is to be refused here";
+    EXPECT_EQ(BuildComponent(kTestCsi, Keep, 1000), 0u) << "no answer is to be refused here";
     EXPECT_FALSE(std::filesystem::exists(SocketFile(kTestProcess)))
         << "bound before anybody handles a message";
-    EXPECT_EQ(RTF_CompInstSchEnable(instance.cpi, 1), 0u);
+    EXPECT_EQ(RTF_CompInstSchEnable(CpiOf(kTestCsi), 1), 0u);
   }
 
-  support::TempDir files_;
-  std::string config_;
+  mutable int configs_ = 0;
 };
 
 class Peer {
  public:
   Peer(uint32_t process, const std::string& config) {
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) abort();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    std::string program = TOLA_BUILD_DIR "/tests/velto/dms_peer", id = std::to_string(process), file = config;
-    char* argv[] = {program.data(), file.data(), id.data(), nullptr};
-    EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv, environ), 0) << program;
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    input_.reset(in[1]);
-    output_.reset(fdopen(out[0], "r"));
-    char line[64] = {};
-    if (fgets(line, sizeof(line), output_.get()) != nullptr) first_.assign(line, strcspn(line, "\n"));
+    const std::string program = "exec '" TOLA_BUILD_DIR "/tests/velto/dms_peer' '";
+    output_ = popen((program + config + "' " + std::to_string(process)).c_str(), "re");
+    EXPECT_TRUE(output_ != nullptr && fscanf(output_, "%u %d", &enabled_, &pid_) == 2);
   }
-  explicit Peer(uint32_t process) : Peer(process, Runtime::Get().config()) { EXPECT_EQ(first_, "enabled 0"); }
+  explicit Peer(uint32_t process) : Peer(process, Runtime::Get().Config("dms", 20000)) {
+    EXPECT_EQ(enabled_, 0u);
+  }
   ~Peer() { Kill(); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
 
   void Kill() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    if (output_ == nullptr) return;
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    (void)pclose(std::exchange(output_, nullptr));
   }
-  [[nodiscard]] const std::string& first() const { return first_; }
+  /// The result of enabling its component; one that failed ends.
+  [[nodiscard]] uint32_t enabled() const { return enabled_; }
 
  private:
+  FILE* output_ = nullptr;
   pid_t pid_ = -1;
-  UniqueFd input_;
-  base::FilePtr output_;
-  std::string first_;
+  uint32_t enabled_ = UINT32_MAX;
 };
+
+UniqueFd RawSocket(const std::string& file, decltype(&connect) join = connect) {
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  EXPECT_LT(file.size(), sizeof(address.sun_path));
+  memcpy(address.sun_path, file.c_str(), std::min(file.size() + 1, sizeof(address.sun_path)));
+  EXPECT_EQ(join(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << file;
+  return fd;
+}
+
+WireHead HeadFor(uint32_t total) {
+  return {velto::kWireMagic, total, 0, CpiOf(kPeerCsi), kTestCsi, kEcho, 0, 0, {}};
+}
+
+void RawSend(const UniqueFd& fd, const WireHead& head, size_t dataSize) {
+  std::string packet(sizeof(head) + dataSize, 'x');
+  memcpy(packet.data(), &head, sizeof(head));
+  (void)!send(fd.get(), packet.data(), packet.size(), MSG_NOSIGNAL);  // the peer may have closed already
+}
+
+constexpr uint32_t kClosed = 0xC105ED;
+
+// The peer's answer, or kClosed when it closes the connection instead; waits for one or the other.
+uint32_t RawAnswer(const UniqueFd& fd) {
+  uint32_t answer = 0;
+  const ssize_t size = recv(fd.get(), &answer, sizeof(answer), 0);
+  if (size == sizeof(answer)) return answer;
+  EXPECT_TRUE(size == 0 || (size < 0 && errno == ECONNRESET)) << size;
+  return kClosed;
+}
+
+// Sends a message of `total` bytes and gives the peer's answer.
+uint32_t RawSendWhole(const UniqueFd& fd, uint32_t total) {
+  WireHead head = HeadFor(total);
+  do {
+    const uint32_t size = std::min(kWireDataMax, total - head.offset);
+    RawSend(fd, head, size);
+    head.offset += size;
+  } while (head.offset < total);
+  return RawAnswer(fd);
+}
 
 class DmsTest : public testing::Test {
  protected:
@@ -144,12 +168,12 @@ class DmsTest : public testing::Test {
     })) << "a message was not freed";
   }
 
-  void Know(uint32_t process, uint32_t csi = kPeerCsi, const char* ip = kPeerIp) {
+  static void Know(uint32_t process, uint32_t csi = kPeerCsi, const char* ip = kPeerIp) {
     ASSERT_EQ(DMS_CamMeshOtherProcAddrItemAdd(ip, process), 0u);
     ASSERT_EQ(DMS_CompAddrTableItemAdd(csi, 1, ip, process), 0u);
   }
-  uint32_t Send(uint32_t id, const std::string& data = "", uint32_t csi = kPeerCsi, uint8_t priority = 0,
-                const std::string& head = "") {
+  static uint32_t Send(uint32_t id, const std::string& data = "", uint32_t csi = kPeerCsi,
+                       const std::string& head = "", uint8_t priority = 0) {
     void* message = DMS_MsgAlloc(kTestCsi, static_cast<uint32_t>(data.size()));
     if (message == nullptr) return UINT32_MAX;
     memcpy(message, data.data(), data.size());
@@ -165,14 +189,10 @@ class DmsTest : public testing::Test {
   // Asks the peer until so many messages are live in it: it sees what happens on other connections in its own
   // time.
   void ExpectLive(uint64_t expected, const char* why) {
-    uint64_t live = 0;
     EXPECT_TRUE(Eventually([&] {
       EXPECT_EQ(Send(kCount), 0u);
-      const std::string count = inbox_.Take().data;
-      memcpy(&live, count.data(), std::min(count.size(), sizeof(live)));
-      return live == expected;
-    })) << why
-        << ": " << live;
+      return inbox_.Take().data == std::string(reinterpret_cast<char*>(&expected), sizeof(expected));
+    })) << why;
   }
 
   Runtime& runtime_ = Runtime::Get();
@@ -180,58 +200,8 @@ class DmsTest : public testing::Test {
   uint32_t handle_ = 0;
 };
 
-UniqueFd RawSocket(const std::string& file, decltype(&connect) join) {
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  EXPECT_LT(file.size(), sizeof(address.sun_path));
-  memcpy(address.sun_path, file.c_str(), std::min(file.size() + 1, sizeof(address.sun_path)));
-  EXPECT_EQ(join(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << file;
-  return fd;
-}
-
-UniqueFd RawConnect(const std::string& file) {
-  return RawSocket(file, connect);
-}
-
-UniqueFd RawListen(const std::string& file) {
-  UniqueFd fd = RawSocket(file, bind);
-  EXPECT_EQ(listen(fd.get(), 8), 0);
-  return fd;
-}
-
-WireHead HeadFor(uint32_t total) {
-  return {velto::kWireMagic, total, 0, CpiOf(kPeerCsi), kTestCsi, kEcho, 0, 0, {}};
-}
-
-void RawSend(int fd, const WireHead& head, size_t dataSize) {
-  std::string packet(sizeof(head) + dataSize, 'x');
-  memcpy(packet.data(), &head, sizeof(head));
-  (void)!send(fd, packet.data(), packet.size(), MSG_NOSIGNAL);  // the peer may have closed already
-}
-
-// Sends a message of `total` bytes and gives the peer's answer.
-uint32_t RawSendWhole(int fd, uint32_t total) {
-  WireHead head = HeadFor(total);
-  do {
-    const uint32_t size = std::min(kWireDataMax, total - head.offset);
-    RawSend(fd, head, size);
-    head.offset += size;
-  } while (head.offset < total);
-  uint32_t answer = UINT32_MAX;
-  EXPECT_EQ(recv(fd, &answer, sizeof(answer), 0), 4);
-  return answer;
-}
-
-// Whether the peer closes the connection instead of answering; waits for one or the other.
-bool IsClosedByPeer(int fd) {
-  uint32_t answer = 0;
-  const ssize_t size = recv(fd, &answer, sizeof(answer), 0);
-  return size == 0 || (size < 0 && errno == ECONNRESET);
-}
-
 TEST_F(DmsTest, MessagesOfEveryLengthArriveWhole) {
-  Peer peer(201);
+  const Peer peer(201);
   Know(201);
   std::mt19937 random(201);
   const std::string head("\x07\0reserved head!", kDmsReservedHeadSize);
@@ -239,7 +209,7 @@ TEST_F(DmsTest, MessagesOfEveryLengthArriveWhole) {
                                 65535u, 65536u, 65538u, 2 * kWireDataMax, kMessageMax}) {
     std::string data(length, '\0');
     for (char& byte : data) byte = static_cast<char>(random());
-    ASSERT_EQ(Send(kEcho, data, kPeerCsi, 7, head), 0u) << length;
+    ASSERT_EQ(Send(kEcho, data, kPeerCsi, head, 7), 0u) << length;
     const Received answer = inbox_.Take();
     EXPECT_TRUE(answer.data == data) << length;
     EXPECT_EQ(answer.head, head) << length;
@@ -252,19 +222,16 @@ TEST_F(DmsTest, MessagesOfEveryLengthArriveWhole) {
 }
 
 TEST_F(DmsTest, ManySendersAtOnceLoseAndMixNothing) {
-  Peer peer(202);
+  const Peer peer(202);
   Know(202);
-  std::vector<std::thread> senders;
-  for (uint32_t i = 0; i < 4; ++i) {
-    senders.emplace_back([this, i] {
-      for (uint32_t j = 0; j < 50; ++j) {
-        const std::string data(1 + j * 1500, static_cast<char>('a' + i));
-        uint32_t sent = 0;
-        while ((sent = Send(kEcho, data)) == kDmsErrRefused) std::this_thread::yield();  // its queue is short
-        EXPECT_EQ(sent, 0u);
-      }
-    });
-  }
+  support::AtOnce(4, [](uint32_t sender) {
+    for (uint32_t j = 0; j < 50; ++j) {
+      const std::string data(1 + j * 1500, static_cast<char>('a' + sender));
+      uint32_t sent = 0;
+      while ((sent = Send(kEcho, data)) == kDmsErrRefused) std::this_thread::yield();  // its queue is short
+      EXPECT_EQ(sent, 0u);
+    }
+  });
   uint32_t counts[4] = {};
   for (int i = 0; i < 200; ++i) {
     const std::string data = inbox_.Take().data;
@@ -272,7 +239,6 @@ TEST_F(DmsTest, ManySendersAtOnceLoseAndMixNothing) {
     EXPECT_EQ(data.find_first_not_of(data[0]), std::string::npos) << "two messages were mixed";
     ++counts[data[0] - 'a'];
   }
-  for (std::thread& sender : senders) sender.join();
   EXPECT_THAT(counts, testing::Each(50u));
 }
 
@@ -297,89 +263,85 @@ TEST_F(DmsTest, ASenderLearnsAtOnceThatNobodyTakesTheMessage) {
 TEST_F(DmsTest, ARestartedPeerIsReachedByTheNextSendAndALivingOneKeepsItsAddress) {
   Know(204);
   for (int i = 0; i < 2; ++i) {
-    Peer peer(204);
+    const Peer peer(204);
     ExpectServed("over a connection to a process that died, and its stale socket file");
-    EXPECT_EQ(Peer(204, runtime_.config()).first(), "enabled " + std::to_string(kDmsErrSocket));
+    EXPECT_EQ(Peer(204, runtime_.Config("dms", 1000)).enabled(), kDmsErrSocket);
     ExpectServed("still the first process's");
   }
 }
 
 TEST_F(DmsTest, BrokenPacketsCostTheirOwnConnectionOnly) {
-  Peer peer(207);
+  const Peer peer(207);
   Know(207);
   WireHead wrongMagic = HeadFor(1), late = HeadFor(1), priority = HeadFor(1);
   wrongMagic.magic ^= 1;
   late.offset = 1;
   priority.priority = 256;
-  const std::tuple<const char*, WireHead, size_t> cases[] = {
-      {"wrong magic", wrongMagic, 1},
-      {"begins in the middle", late, 1},
-      {"no such priority", priority, 1},
-      {"more data than total", HeadFor(1), 2},
-      {"less data than total", HeadFor(2), 1},
-      {"a short packet in front", HeadFor(kWireDataMax + 1), 10},
-      {"an overlong packet", HeadFor(kMessageMax), kWireDataMax + 1}};
-  for (const auto& [what, head, dataSize] : cases) {
-    const UniqueFd raw = RawConnect(runtime_.SocketFile(207));
-    RawSend(raw.get(), head, dataSize);
-    WireHead rest = head;  // with it a receiver that let the first packet pass would answer
+  WireHead other = HeadFor(kWireDataMax + 1);
+  other.offset = kWireDataMax;
+  other.messageId = kCount;
+  const struct {
+    const char* what;
+    WireHead head;
+    size_t dataSize;
+    WireHead rest = {};
+  } cases[] = {{"wrong magic", wrongMagic, 1},
+               {"begins in the middle", late, 1},
+               {"no such priority", priority, 1},
+               {"more data than total", HeadFor(1), 2},
+               {"less data than total", HeadFor(2), 1},
+               {"a short packet in front", HeadFor(kWireDataMax + 1), 10},
+               {"an overlong packet", HeadFor(kMessageMax), kWireDataMax + 1},
+               {"a packet of another message", HeadFor(kWireDataMax + 1), kWireDataMax, other}};
+  for (const auto& [what, head, dataSize, given] : cases) {
+    const UniqueFd raw = RawSocket(runtime_.SocketFile(207));
+    RawSend(raw, head, dataSize);
+    WireHead rest =
+        given.total != 0 ? given : head;  // with it a receiver that let the first pass would answer
     rest.offset = static_cast<uint32_t>(dataSize);
-    if (rest.offset < rest.total) RawSend(raw.get(), rest, std::min(kWireDataMax, rest.total - rest.offset));
-    EXPECT_TRUE(IsClosedByPeer(raw.get())) << what;
+    if (rest.offset < rest.total) RawSend(raw, rest, std::min(kWireDataMax, rest.total - rest.offset));
+    EXPECT_EQ(RawAnswer(raw), kClosed) << what;
     ExpectServed(what);
   }
-  const UniqueFd mixed = RawConnect(runtime_.SocketFile(207));
-  WireHead head = HeadFor(kWireDataMax + 1);
-  RawSend(mixed.get(), head, kWireDataMax);
-  head.offset = kWireDataMax;
-  head.messageId = kCount;
-  RawSend(mixed.get(), head, 1);
-  EXPECT_TRUE(IsClosedByPeer(mixed.get())) << "a packet of another message";
-  const UniqueFd tiny = RawConnect(runtime_.SocketFile(207));
+  const UniqueFd tiny = RawSocket(runtime_.SocketFile(207));
   EXPECT_EQ(send(tiny.get(), "x", 1, MSG_NOSIGNAL), 1);
-  EXPECT_TRUE(IsClosedByPeer(tiny.get())) << "not even a head";
+  EXPECT_EQ(RawAnswer(tiny), kClosed) << "not even a head";
 }
 
 TEST_F(DmsTest, ThePeersOwnBoundsHoldWhateverTheSenderBelieves) {
-  Peer peer(208);
+  const Peer peer(208);
   Know(208);
-  const UniqueFd other = RawConnect(runtime_.SocketFile(208));
-  EXPECT_EQ(RawSendWhole(other.get(), kMessageMax + 1), kDmsErrTooLong) << "read to its end, kept nowhere";
-  std::vector<UniqueFd> halves;
+  const UniqueFd other = RawSocket(runtime_.SocketFile(208));
+  EXPECT_EQ(RawSendWhole(other, kMessageMax + 1), kDmsErrTooLong) << "read to its end, kept nowhere";
+  std::vector<UniqueFd> raw;
   for (int i = 0; i < 4; ++i) {
-    halves.push_back(RawConnect(runtime_.SocketFile(208)));
-    RawSend(halves.back().get(), HeadFor(kMessageMax), kWireDataMax);
+    raw.push_back(RawSocket(runtime_.SocketFile(208)));
+    RawSend(raw.back(), HeadFor(kMessageMax), kWireDataMax);
   }
   ExpectLive(5, "four halves and the question");
-  EXPECT_EQ(RawSendWhole(other.get(), 1), kDmsErrRefused) << "memory for what is put together is not bounded";
-  halves.clear();
+  EXPECT_EQ(RawSendWhole(other, 1), kDmsErrRefused) << "memory for what is put together is not bounded";
+  raw.clear();
   ExpectLive(1, "a half message was kept after its connection");
-}
-
-TEST_F(DmsTest, APeerThatFallsSilentWithinAMessageIsDropped) {
-  Peer peer(215, runtime_.Config("short.cfg", runtime_.dir(), 1000));
-  Know(215);
-  const UniqueFd idle = RawConnect(runtime_.SocketFile(215));
-  const UniqueFd silent = RawConnect(runtime_.SocketFile(215));
-  RawSend(silent.get(), HeadFor(kMessageMax), kWireDataMax);
-  EXPECT_TRUE(IsClosedByPeer(silent.get()));
-  ExpectLive(1, "the half message was kept");
-  EXPECT_EQ(RawSendWhole(idle.get(), 0), 0u) << "silence between messages is no fault";
-  EXPECT_EQ(inbox_.Take().id, kEcho + 100);
-}
-
-TEST_F(DmsTest, IdleConnectionsDoNotKeepOthersOut) {
-  Peer peer(209);
-  Know(209);
-  ExpectServed("before");
-  std::vector<UniqueFd> idle;
-  for (int i = 0; i < 100; ++i) idle.push_back(RawConnect(runtime_.SocketFile(209)));
-  EXPECT_TRUE(IsClosedByPeer(idle.front().get())) << "connections are not bounded";
+  for (int i = 0; i < 100; ++i) raw.push_back(RawSocket(runtime_.SocketFile(208)));
+  EXPECT_EQ(RawAnswer(raw.front()), kClosed) << "connections are not bounded";
   ExpectServed("over a connection that was closed as the oldest one");
 }
 
+TEST_F(DmsTest, APeerThatFallsSilentWithinAMessageIsDropped) {
+  const Peer peer(215, runtime_.Config("dms", 1000));
+  Know(215);
+  const UniqueFd idle = RawSocket(runtime_.SocketFile(215));
+  const UniqueFd silent = RawSocket(runtime_.SocketFile(215));
+  RawSend(silent, HeadFor(kMessageMax), kWireDataMax);
+  EXPECT_EQ(RawAnswer(silent), kClosed);
+  ExpectLive(1, "the half message was kept");
+  EXPECT_EQ(RawSendWhole(idle, 0), 0u) << "silence between messages is no fault";
+  EXPECT_EQ(inbox_.Take().id, kEcho + 100);
+}
+
 TEST_F(DmsTest, AMessageThatWasTakenIsNeverSentAgain) {
-  const UniqueFd listener = RawListen(runtime_.SocketFile(210));
+  const UniqueFd listener = RawSocket(runtime_.SocketFile(210), bind);
+  EXPECT_EQ(listen(listener.get(), 8), 0);
   Know(210);
   constexpr uint32_t kBadAnswers[] = {0x12345678, kDmsErrLink};
   std::thread peer([&] {
@@ -405,19 +367,14 @@ TEST_F(DmsTest, AMessageThatWasTakenIsNeverSentAgain) {
 }
 
 TEST_F(DmsTest, ADirectoryThatOthersMayWriteIsRefused) {
-  const std::string dir = runtime_.files().File("open");
+  const std::string dir = runtime_.files.File("open");
   ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
-  const std::string config = runtime_.Config("open.cfg", dir, 1000);
-  for (const mode_t mode : {0720, 0702, 01777}) {
+  std::filesystem::create_directory_symlink(dir, runtime_.files.File("link"));
+  EXPECT_EQ(Peer(212, runtime_.Config("link", 1000)).enabled(), kDmsErrSocket);
+  for (const mode_t mode : {0720, 0702, 01777, 0700}) {
     ASSERT_EQ(chmod(dir.c_str(), mode), 0);
-    EXPECT_EQ(Peer(211, config).first(), "enabled " + std::to_string(kDmsErrSocket)) << std::oct << mode;
+    EXPECT_EQ(Peer(211, runtime_.Config("open", 1000)).enabled(), mode == 0700 ? 0u : kDmsErrSocket) << mode;
   }
-  ASSERT_EQ(chmod(dir.c_str(), 0700), 0);
-  EXPECT_EQ(Peer(211, config).first(), "enabled 0");
-  const std::string link = runtime_.files().File("link");
-  std::filesystem::create_directory_symlink(dir, link);
-  EXPECT_EQ(Peer(212, runtime_.Config("link.cfg", link, 1000)).first(),
-            "enabled " + std::to_string(kDmsErrSocket));
 }
 
 // Runs `act` as another user in a thread of its own; false when that user is not mapped here.
@@ -434,16 +391,16 @@ constexpr uid_t kStranger = 54321;
 
 TEST_F(DmsTest, UsersWhoAreNotAllowedAreTurnedAwayAtBothEnds) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  Peer peer(213);
+  const Peer peer(213);
   Know(213);
-  const UniqueFd listener = RawListen(runtime_.SocketFile(214));
-  for (const std::string& path : {runtime_.files().path(), runtime_.dir()})
+  const UniqueFd listener = RawSocket(runtime_.SocketFile(214), bind);
+  for (const std::string& path : {runtime_.files.path(), runtime_.files.File("dms")})
     ASSERT_EQ(chmod(path.c_str(), 0711), 0);
   ASSERT_EQ(chmod(runtime_.SocketFile(213).c_str(), 0666), 0);
   if (!AsUser(kStranger, [&] {
-        const UniqueFd raw = RawConnect(runtime_.SocketFile(213));
-        RawSend(raw.get(), HeadFor(0), 0);
-        EXPECT_TRUE(IsClosedByPeer(raw.get())) << "a stranger's message was answered";
+        const UniqueFd raw = RawSocket(runtime_.SocketFile(213));
+        RawSend(raw, HeadFor(0), 0);
+        EXPECT_EQ(RawAnswer(raw), kClosed) << "a stranger's message was answered";
         EXPECT_EQ(listen(listener.get(), 8), 0);
       })) {
     GTEST_SKIP() << "no other user is mapped here";
@@ -456,14 +413,12 @@ TEST_F(DmsTest, UsersWhoAreNotAllowedAreTurnedAwayAtBothEnds) {
 TEST_F(DmsTest, TheNamedUserReachesWhatRootMadeAndNobodyElseDoes) {
   const passwd* user = getpwnam("daemon");
   if (geteuid() != 0 || user == nullptr) GTEST_SKIP() << "needs root and the user daemon";
-  ASSERT_EQ(chmod(runtime_.files().path().c_str(), 0711), 0);
-  const std::string dir = runtime_.files().File("given");
-  Peer peer(216, runtime_.Config("given.cfg", dir, 1000, "daemon"));
-  ASSERT_EQ(peer.first(), "enabled 0");
-  const std::string file = dir + "/" + kPeerIp + "_216";
+  ASSERT_EQ(chmod(runtime_.files.path().c_str(), 0711), 0);
+  const Peer peer(216, runtime_.Config("given", 1000, "daemon"));
+  ASSERT_EQ(peer.enabled(), 0u);
+  const std::string file = runtime_.SocketFile(216, "given");
   if (!AsUser(user->pw_uid, [&] {
-        const UniqueFd raw = RawConnect(file);
-        EXPECT_EQ(RawSendWhole(raw.get(), kMessageMax + 1), kDmsErrTooLong) << "no answer, so not served";
+        EXPECT_EQ(RawSendWhole(RawSocket(file), kMessageMax + 1), kDmsErrTooLong) << "not served";
       })) {
     GTEST_SKIP() << "that user is not mapped here";
   }

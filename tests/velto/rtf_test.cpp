@@ -5,11 +5,10 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-#include <deque>
-#include <mutex>
 #include <semaphore>
 #include <vector>
 
+#include "support/inbox.h"
 #include "velto/dms.h"
 #include "velto/kel_mem.h"
 
@@ -17,57 +16,45 @@ namespace {
 
 using testing::ElementsAre;
 
-// What the component under test does, and what it saw.
+constexpr uint32_t kHoldId = 1, kSuicideId = 2;
+
+// What the component under test does, and what it saw; never destroyed, as its task may outlive all cases.
 struct World {
-  std::mutex mutex;
-  std::vector<uint32_t> ids;
-  std::counting_semaphore<> arrived{0}, proceed{0};
+  support::Inbox<uint32_t> ids;
+  std::counting_semaphore<> proceed{0}, destroyed{0};
   std::vector<uint32_t> stages;
   uint32_t failStage = UINT32_MAX;
-  std::counting_semaphore<> destroyed{0};
-};
+}& gWorld = *new World;
 
-// One a test, kept until the end: an instance's task may outlive the test that it destroyed itself in.
-std::deque<World>& gWorlds = *new std::deque<World>;
-World* gWorld = nullptr;
-
-constexpr uint32_t kHoldId = 1, kSuicideId = 2;
+uint32_t Construct(uint32_t stage) {
+  gWorld.stages.push_back(stage);
+  return stage == gWorld.failStage ? 7 : 0;
+}
+uint32_t Destruct() {
+  gWorld.destroyed.release();
+  return 0;
+}
+void Entry(void* message) {
+  const uint32_t id = DMS_MsgRecvIidGet(message);
+  gWorld.ids.Put(id);
+  if (id == kHoldId) gWorld.proceed.acquire();
+  if (id == kSuicideId) {
+    EXPECT_EQ(RTF_CompInstDestroy(DMS_MsgRecvCidGet(message)), 0u);
+  }
+}
 
 class RtfTest : public testing::Test {
  protected:
   RtfTest() {
-    gWorld = &world_;
     static uint32_t next = 1000;  // of their own for each test, so that they meet no other's
     csi_ = next++;
     const RtfCompTypeInfo type{"RTF_TEST", "1", 1, Construct, Destruct, Entry};
     EXPECT_EQ(RTF_CompTypeRegister(csi_, &type), 0u);
-    EXPECT_EQ(KEL_HandleInitialize("dms", &handle_), 0u);
   }
   ~RtfTest() override {
-    (void)RTF_CompInstDestroy(Cpi());  // a test may have done it
+    if (RTF_CompInstDestroy(Cpi()) == 0) gWorld.destroyed.acquire();  // a test may have done it
     EXPECT_EQ(Live(), 0u) << "a message was not freed";
     EXPECT_EQ(RTF_CompTypeDelete(csi_), 0u);
-  }
-
-  static uint32_t Construct(uint32_t stage) {
-    gWorld->stages.push_back(stage);
-    return stage == gWorld->failStage ? 7 : 0;
-  }
-  static uint32_t Destruct() {
-    gWorld->destroyed.release();
-    return 0;
-  }
-  static void Entry(void* message) {
-    const uint32_t id = DMS_MsgRecvIidGet(message);
-    {
-      const std::lock_guard lock(gWorld->mutex);
-      gWorld->ids.push_back(id);
-    }
-    gWorld->arrived.release();
-    if (id == kHoldId) gWorld->proceed.acquire();
-    if (id == kSuicideId) {
-      EXPECT_EQ(RTF_CompInstDestroy(DMS_MsgRecvCidGet(message)), 0u);
-    }
   }
 
   [[nodiscard]] uint32_t Cpi() const { return csi_ | 0x80000000; }
@@ -85,25 +72,24 @@ class RtfTest : public testing::Test {
     EXPECT_EQ(DMS_MsgPrioSet(message, priority), 0u);
     return DMS_MsgSend(Cpi(), message);
   }
-  void Arrived(int count) {
-    for (int i = 0; i < count; ++i) world_.arrived.acquire();
-  }
-  [[nodiscard]] uint64_t Live() const {
+  static uint64_t Live() {
+    uint32_t handle = 0;
     uint64_t bytes = 0, count = 0;
-    EXPECT_EQ(KEL_HandleUseGet(handle_, &bytes, &count), 0u);
+    EXPECT_EQ(KEL_HandleInitialize("dms", &handle), 0u);
+    EXPECT_EQ(KEL_HandleUseGet(handle, &bytes, &count), 0u);
     return count;
   }
 
-  World& world_ = gWorlds.emplace_back();
-  uint32_t csi_ = 0, handle_ = 0;
+  uint32_t csi_ = 0;
 };
 
 TEST_F(RtfTest, StagesRunInOrderAndAFailedOneMayRunAgain) {
   EXPECT_EQ(Create(1), kRtfErrNoInst);
   EXPECT_EQ(Create(3), kRtfErrPara);
-  world_.failStage = 0;
+  gWorld.stages.clear();
+  gWorld.failStage = 0;
   EXPECT_EQ(Create(0), kRtfErrCtor);
-  world_.failStage = 2;
+  gWorld.failStage = 2;
   EXPECT_EQ(Create(0), 0u);
   EXPECT_EQ(Create(0), kRtfErrExists);
   EXPECT_EQ(Create(2), kRtfErrStage);
@@ -111,9 +97,9 @@ TEST_F(RtfTest, StagesRunInOrderAndAFailedOneMayRunAgain) {
   EXPECT_EQ(Create(2), kRtfErrCtor);
   EXPECT_EQ(RTF_CompInstSchEnable(Cpi(), 1), kRtfErrStage) << "a half-built instance must get no messages";
   EXPECT_EQ(Send(5), kDmsErrNoAddr);
-  world_.failStage = UINT32_MAX;
+  gWorld.failStage = UINT32_MAX;
   EXPECT_EQ(Create(2), 0u);
-  EXPECT_THAT(world_.stages, ElementsAre(0, 0, 1, 2, 2));
+  EXPECT_THAT(gWorld.stages, ElementsAre(0, 0, 1, 2, 2));
   EXPECT_EQ(RTF_CompTypeDelete(csi_), kRtfErrBusy);
 }
 
@@ -128,21 +114,20 @@ TEST_F(RtfTest, ADisabledInstanceLetsMessagesWaitUpToTheBoundAndThenTakesThePrio
   EXPECT_EQ(Send(21, 1), 0u);
   EXPECT_EQ(Live(), 4u);
   ASSERT_EQ(RTF_CompInstSchEnable(Cpi(), 1), 0u);
-  Arrived(4);
-  EXPECT_THAT(world_.ids, ElementsAre(20, 21, 10, 11));
+  for (const uint32_t id : {20u, 21u, 10u, 11u}) EXPECT_EQ(gWorld.ids.Take(), id);
 }
 
 TEST_F(RtfTest, DestroyingFinishesTheMessageInHandAndFreesTheRest) {
   Start();
   ASSERT_EQ(Send(kHoldId), 0u);
-  Arrived(1);
+  EXPECT_EQ(gWorld.ids.Take(), kHoldId);
   ASSERT_EQ(Send(10), 0u);
   ASSERT_EQ(Send(11, 1), 0u);
-  world_.proceed.release();
+  gWorld.proceed.release();
   EXPECT_EQ(RTF_CompInstDestroy(Cpi()), 0u);
-  EXPECT_TRUE(world_.destroyed.try_acquire()) << "the destructor was not called";
+  EXPECT_TRUE(gWorld.destroyed.try_acquire()) << "the destructor was not called";
   EXPECT_EQ(Live(), 0u);
-  EXPECT_EQ(world_.ids[0], kHoldId);
+  gWorld.ids.TakeAll();  // it may have got to the others first
   EXPECT_EQ(Send(12), kDmsErrNoAddr);
   EXPECT_EQ(RTF_CompInstDestroy(Cpi()), kRtfErrNoInst);
 }
@@ -150,8 +135,8 @@ TEST_F(RtfTest, DestroyingFinishesTheMessageInHandAndFreesTheRest) {
 TEST_F(RtfTest, AnEntryMayDestroyItsOwnInstance) {
   Start();
   ASSERT_EQ(Send(kSuicideId), 0u);
-  Arrived(1);
-  world_.destroyed.acquire();
+  EXPECT_EQ(gWorld.ids.Take(), kSuicideId);
+  gWorld.destroyed.acquire();
 }
 
 TEST(DmsMessageTest, ForeignMemoryIsNoMessage) {
