@@ -3,34 +3,23 @@
 #include "log/file_public.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
-#include <string.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "log/log_test_support.h"
-#include "support/log_capture.h"
 
+namespace logtest {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::MatchesRegex;
-using testing::StartsWith;
-namespace fs = std::filesystem;
 
 constexpr char kCaller[] = "caller.cpp";
 
@@ -45,7 +34,7 @@ int InOwnProcess(const std::function<uint32_t()>& body) {
 class CommandTest : public testing::Test {
  protected:
   support::TempDir dir_;
-  support::LogCapture log_;
+  LogCapture log_;
 };
 
 TEST(ParseCmdArgTest, SplitsAtBlanksOutsideQuotes) {
@@ -304,3 +293,4 @@ TEST_F(FileServiceTest, LengthsAndDeletionsTellTheTruth) {
 }
 
 }  // namespace
+}  // namespace logtest

@@ -1,6 +1,7 @@
 /// What this room's tests share: a clock that stands still, files as text, and a process of its own.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <time.h>
@@ -8,8 +9,20 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
+#include "log/run_log.h"
+#include "support/log_capture.h"
 #include "velto/kel_clock.h"
+
+namespace logtest {
+
+using support::LogCapture;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+namespace fs = std::filesystem;
 
 /// The machine's clocks stand still at 2024-03-05 14:02:07 (local time is UTC) while one of these lives.
 class StandingClock {
@@ -34,7 +47,7 @@ inline std::string ReadAll(const std::string& path) {
 
 /// Permission bits of `path`.
 inline unsigned ModeOf(const std::string& path) {
-  return static_cast<unsigned>(std::filesystem::status(path).permissions());
+  return static_cast<unsigned>(fs::status(path).permissions());
 }
 
 /// Runs `body` in a process that has not touched the log yet: some of its settings are made once for all.
@@ -47,3 +60,5 @@ void InFreshProcess(Body body) {
   };
   EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
+
+}  // namespace logtest

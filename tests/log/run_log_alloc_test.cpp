@@ -1,10 +1,6 @@
 /// A record on its way allocates nothing: the C library's allocator is counted from outside. Not built with a
 /// sanitizer, which brings an allocator of its own.
-#include <gtest/gtest.h>
-
 #include "log/log_test_support.h"
-#include "log/run_log.h"
-#include "support/log_capture.h"
 
 namespace {
 thread_local size_t t_allocations = 0;
@@ -17,7 +13,7 @@ extern "C" void* malloc(size_t size) {
 }
 
 TEST(RunLogAllocationTest, NeitherRecordNorRepeatNorSummaryAllocates) {
-  const StandingClock clock;
+  const logtest::StandingClock clock;
   support::LogCapture log(kLogErr);
   const uint8_t on = 1;
   ASSERT_EQ(TOLA_LogRepeatControl(kLogRepeatEnable, &on), 0u);

@@ -1,22 +1,10 @@
 /// The log's files: the limit and the turn-over, overwrite mode, what a start finds, and files that vanish.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <string.h>
 
-#include <filesystem>
-#include <string>
-
 #include "log/log_test_support.h"
-#include "log/run_log.h"
-#include "support/log_capture.h"
 
+namespace logtest {
 namespace {
-
-using support::LogCapture;
-using testing::ElementsAre;
-using testing::SizeIs;
-using testing::StartsWith;
-namespace fs = std::filesystem;
 
 constexpr char kMarker[] = "/**Log file is full!**/";
 
@@ -179,3 +167,4 @@ TEST(RunLogFileTest, OverwriteModeKeepsItsPlaceInTheHeadAndBeginsAgainWhenFull) 
 }
 
 }  // namespace
+}  // namespace logtest

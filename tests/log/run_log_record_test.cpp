@@ -1,18 +1,10 @@
 /// What one record becomes: filter, line, names, the message's limits, hooks, and who may log when.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
 #include <thread>
 
 #include "log/log_test_support.h"
-#include "log/run_log.h"
-#include "support/log_capture.h"
 
+namespace logtest {
 namespace {
-
-using support::LogCapture;
-using testing::ElementsAre;
 
 constexpr uint16_t kModule = 7;
 
@@ -158,3 +150,4 @@ TEST(RunLogTraceTest, MessageIsTracedForTheModuleThatSendsOrReceivesIt) {
 }
 
 }  // namespace
+}  // namespace logtest

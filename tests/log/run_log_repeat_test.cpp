@@ -1,18 +1,8 @@
 /// Repeats: what is folded, when the count is written, and the settings.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "log/log_test_support.h"
-#include "log/run_log.h"
-#include "support/log_capture.h"
 
+namespace logtest {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 class RunLogRepeatTest : public testing::Test {
  protected:
@@ -130,3 +120,4 @@ TEST(RunLogRepeatSettingsTest, ExceptionsAreAcceptedOnceAndAreNotFolded) {
 }
 
 }  // namespace
+}  // namespace logtest

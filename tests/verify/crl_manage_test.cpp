@@ -2,8 +2,6 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <filesystem>
-
 #include "verify_fixture.h"
 
 namespace verifytest {
@@ -11,7 +9,6 @@ namespace {
 
 using testpki::kDay;
 using testpki::MakeCrl;
-namespace fs = std::filesystem;
 
 class CrlManageTest : public VerifyTest {
  protected:
@@ -75,7 +72,7 @@ TEST_F(CrlManageTest, OnlyAnEmptyNameCountsAsNoList) {
   const std::string directory = dir_.File("update/");
   request_.crlPath = directory.c_str();
   EXPECT_EQ(ProcessCrlInfo(request_), 50996u);
-  EXPECT_THAT(log_.Lines(), testing::Contains("no check crl"));
+  EXPECT_THAT(log_.Lines(), Contains("no check crl"));
   for (const int64_t age : {2, 1}) {  // the second would meet what the first left aside
     fs::remove_all(stored_);
     dir_.Write("stored/signature.crl/note", "a directory in the list's place");
@@ -203,7 +200,7 @@ TEST_F(CrlManageTest, NamesThatNoCommandMayHoldAreRefusedBeforeAnythingMoves) {
   }
   EXPECT_EQ(UpdateCrlFileToDevice("-rf", 0), 1u) << "an option";
   EXPECT_EQ(UpdateCrlFileToDevice(std::string(401, 'x').c_str(), 0), 17673u);
-  EXPECT_THAT(log_.Lines(), testing::Contains(testing::StartsWith("update crl err: ")));
+  EXPECT_THAT(log_.Lines(), Contains(testing::StartsWith("update crl err: ")));
   EXPECT_EQ(Stored(), older);
 }
 

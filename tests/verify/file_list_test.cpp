@@ -81,7 +81,7 @@ TEST_F(FileListTest, AMissingFilePassesOnlyWithoutStrictPartVerify) {
   const std::string list = "FileNum=2\n" + Entry("gone.bin", "x") + a_;
   TOLA_EnableSignatureVerificationLite(0x00010001);
   EXPECT_EQ(CheckHashes(list), 0u);
-  EXPECT_THAT(log_.Lines(), testing::Contains(UpdateFile("gone.bin") + " open fail, part file verify"));
+  EXPECT_THAT(log_.Lines(), Contains(UpdateFile("gone.bin") + " open fail, part file verify"));
   EXPECT_EQ(CheckHashes("FileNum=1\n" + Entry(".", "")), 50992u) << "a directory is there";
   EXPECT_EQ(CheckHashes("FileNum=2\n" + Entry("gone.bin", "x") + Entry("a.bin", "x")), 50994u);
   TOLA_EnableSignatureVerificationLite(0x00020001);

@@ -1,14 +1,10 @@
 // The verifiers on signed updates: what is changed, added or left out must be refused with its code.
-#include <filesystem>
 
 #include "verify/signature_verify_public.h"
 #include "verify_fixture.h"
 
 namespace verifytest {
 namespace {
-
-namespace fs = std::filesystem;
-using testing::Contains;
 
 class PackageVerifyTest : public VerifyTest {
  protected:

@@ -1,5 +1,4 @@
 // Secure boot: lists beside an installed application, flipped, cut and written wrongly.
-#include <filesystem>
 #include <string_view>
 
 #include "securec.h"
@@ -8,8 +7,6 @@
 
 namespace verifytest {
 namespace {
-
-using testing::Contains;
 
 class SecureBootTest : public VerifyTest {
  protected:
@@ -63,7 +60,7 @@ TEST_F(SecureBootTest, AFlippedBitInAnyRegionIsSeen) {
       accepted += Check() == 0 || CheckOne(oneA_) == 0 ? 1 : 0;
     }
     EXPECT_LE(accepted, harmless) << name;
-    std::filesystem::remove(dir_.File(name));
+    fs::remove(dir_.File(name));
     EXPECT_TRUE(Check() != 0 && CheckOne(oneA_) != 0) << name << " is missing";
     dir_.Write(name, good);
   }

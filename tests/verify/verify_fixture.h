@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -21,6 +22,9 @@
 #include "verify/signature_normal.h"
 
 namespace verifytest {
+
+using testing::Contains;
+namespace fs = std::filesystem;
 
 inline std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
