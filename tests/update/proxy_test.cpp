@@ -1,27 +1,26 @@
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <future>
 #include <optional>
 
+#include "comp/comp_manager_impl.h"
 #include "component_bench.h"
 #include "frame/sys_res_get.h"
-#include "msg/msg_interface_public.h"
+#include "support/named_process.h"
 #include "update/exe_script_proxy.h"
-#include "update/script_exe_messages.h"
 #include "update/send_record.h"
 #include "update_fixture.h"
 #include "velto/kel_task.h"
 
 namespace {
 
-using TolaCmpMsg::TolaMsgExeUpdateScriptData;
-using update_test::Received;
+using support::CompMsg;
+using update_test::kRequester;
+using Request = TolaCmpMsg::TolaMsgExeUpdateScriptData;
+using Question = TolaCmpMsg::TolaMsgExeUpdateAuthVerifyData;
 
-constexpr uint32_t kRequester = 4150;
-using Executor = update_test::Mailbox<kScriptExeCompId>;
+support::Inbox<CompMsg>& AtExecutor() {
+  return support::Arrived<kScriptExeCompId>();
+}
 
 /// The requesting component, as a requester's process has it.
 void RequesterEntry(void* msg) {
@@ -35,49 +34,24 @@ void RequesterEntry(void* msg) {
   }
 }
 
-/// A process named update_active that does nothing.
-class SleepingProcess {
- public:
-  SleepingProcess() : program_(dir_.File("update_active")) {
-    std::filesystem::copy_file("/bin/sleep", program_);
-    pid_ = fork();
-    if (pid_ == 0) {
-      execl(program_.c_str(), "update_active", "600", nullptr);
-      _exit(127);
-    }
-    while (TOLA_GetProcessPidByName("update_active") < 1) std::this_thread::yield();
-  }
-  ~SleepingProcess() {
-    (void)kill(pid_, SIGKILL);
-    (void)waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  support::TempDir dir_;
-  std::string program_;
-  pid_t pid_ = -1;
-};
-
 class ProxyTest : public update_test::UpdateTest {
  protected:
   ProxyTest() {
+    update_test::StartComponents({support::CompType(kRequester, RequesterEntry),
+                                  support::CompType(kScriptExeCompId, support::Keep<kScriptExeCompId>)});
     EXPECT_EQ(KEL_TaskAdopt("requester", &taskId_), 0u);
-    EXPECT_EQ(request_.SetScriptFullPath("/p/run.sh", 9), 0u);
-    EXPECT_EQ(request_.SetSignaturePath("/p/sig", 6), 0u);
+    update_test::Put(request_.scriptFullPath, "/p/run.sh");
+    update_test::Put(request_.signaturePath, "/p/sig");
+    while (TOLA_GetProcessPidByName("update_active") < 1) std::this_thread::yield();
   }
 
-  static void Start(bool withExecutor = true) {
-    std::vector<update_test::TestComponent> components = {{kRequester, RequesterEntry}};
-    if (withExecutor) components.push_back({kScriptExeCompId, Executor::Entry});
-    update_test::StartComponents(components);
-  }
-  /// Next request that the executor got; `seqNo` is its sequence number.
-  static void Take(TolaMsgExeUpdateScriptData& request, uint16_t& seqNo) {
-    const Received got = Executor::Next();
+  /// Next request that the executor got; its sequence number.
+  static uint16_t Take(Request& request) {
+    const CompMsg got = AtExecutor().Take();
     EXPECT_EQ(got.id, kMsgExeUpdateScript);
     EXPECT_EQ(got.source, kRequester);
-    EXPECT_EQ(request.ParseFromMsg(got.data.data(), static_cast<uint32_t>(got.data.size())), 0u);
-    seqNo = got.seqNo;
+    update_test::Parse(got, request);
+    return got.seqNo;
   }
   static void Reply(uint32_t taskId, uint16_t seqNo, uint16_t result) {
     TolaCmpMsg::TolaMsgExeUpdateScriptAckData reply;
@@ -85,35 +59,34 @@ class ProxyTest : public update_test::UpdateTest {
     reply.result = result;
     EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgExeUpdateScriptAck, seqNo, reply), 0u);
   }
+  static void AskWhetherToRun(uint32_t taskId, uint16_t seqNo) {
+    Question question;
+    question.requesterTaskId = taskId;
+    EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgUpdateAuth, seqNo, question), 0u);
+  }
   /// Takes the request, asks for its authorisation and expects `answer`; gives the request's sequence number.
-  static uint16_t AskForAuthorisation(TolaMsgExeUpdateScriptData& request,
-                                      std::vector<unsigned char> answer) {
-    uint16_t seqNo = 0;
-    Take(request, seqNo);
-    TolaCmpMsg::TolaMsgExeUpdateAuthVerifyData ask;
-    ask.requesterTaskId = request.requesterTaskId;
-    EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgUpdateAuth, seqNo, ask), 0u);
-    const Received got = Executor::Next();
+  static uint16_t TakeAndAsk(Request& request, char answer) {
+    const uint16_t seqNo = Take(request);
+    AskWhetherToRun(request.requesterTaskId, seqNo);
+    const CompMsg got = AtExecutor().Take();
     EXPECT_EQ(got.id, kMsgUpdateAuthAck);
     EXPECT_EQ(got.seqNo, seqNo);
-    EXPECT_EQ(got.data, answer);
+    EXPECT_EQ(got.data, std::string(4, '\0') + answer + '\0');
     return seqNo;
   }
 
-  std::optional<SleepingProcess> process_{std::in_place};
+  support::NamedProcess process_{"update_active"};
   uint32_t taskId_ = 0;
-  TolaMsgExeUpdateScriptData request_;
+  Request request_;
 };
 
 TEST_F(ProxyTest, TheRepliedResultIsReturnedAndAStaleReplyIsNot) {
-  Start();
   uint16_t lastSeqNo = 0;
   for (const uint16_t result : {uint16_t{0}, uint16_t{50994}}) {
     ASSERT_EQ(KEL_EventWrite(taskId_, 1), 0u);  // a reply to a request that was given up
     auto executor = std::async(std::launch::async, [&] {
-      TolaMsgExeUpdateScriptData got;
-      uint16_t seqNo = 0;
-      Take(got, seqNo);
+      Request got;
+      const uint16_t seqNo = Take(got);
       EXPECT_EQ(got.requesterTaskId, taskId_);
       EXPECT_EQ(got.cpuLimit, 35);
       EXPECT_STREQ(got.signaturePath.c_str(), "/p/sig");
@@ -121,45 +94,39 @@ TEST_F(ProxyTest, TheRepliedResultIsReturnedAndAStaleReplyIsNot) {
       EXPECT_NE(seqNo, lastSeqNo) << "the executor would answer from its record";
       // Late messages for a request before it, of a task that had the same id.
       Reply(got.requesterTaskId, static_cast<uint16_t>(seqNo - 1), 77);
-      TolaCmpMsg::TolaMsgExeUpdateAuthVerifyData late;
-      late.requesterTaskId = got.requesterTaskId;
-      EXPECT_EQ(SendRecord(kScriptExeCompId, kRequester, kMsgUpdateAuth, lastSeqNo, late), 0u);
+      AskWhetherToRun(got.requesterTaskId, lastSeqNo);
       lastSeqNo = seqNo;
       Reply(got.requesterTaskId, seqNo, result);
     });
     EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 35), result);
     executor.get();
   }
-  EXPECT_EQ(ExeScriptProxy(kRequester, nullptr, false, 0), 1u);
+  uint32_t events = 0;
+  const uint8_t cut[] = {static_cast<uint8_t>(taskId_), 0, 0, 0, 0};
+  EXPECT_NE(ProcUpdateExeScriptReplyMsg(cut, sizeof(cut)), 0u);
+  EXPECT_NE(ProcUpdateAuthReqMsg(cut, 3, 1), 0u);
+  EXPECT_EQ(KEL_EventRead(3, &events, kKelEventAny, 0), kKelErrTimeout) << "a cut reply reads as success";
 }
 
-TEST_F(ProxyTest, AnAnnouncedAuthorisationIsGrantedAndTheResultAwaited) {
-  Start();
+TEST_F(ProxyTest, AnAuthorisationIsGrantedOnlyWhenItWasAnnounced) {
   auto executor = std::async(std::launch::async, [] {
-    TolaMsgExeUpdateScriptData got;
-    const uint16_t seqNo = AskForAuthorisation(got, {0, 0, 0, 0, 0, 0});
+    Request got;
+    const uint16_t seqNo = TakeAndAsk(got, 0);
     EXPECT_STREQ(got.signaturePath.c_str(), "") << "the executor would verify instead of asking";
     for (int i = 0; i < 40; ++i) {  // longer than the wait for the question, shorter than that for the result
       KEL_ClockAdvanceMs(15000);
       std::this_thread::sleep_for(std::chrono::milliseconds(1));  // lets the proxy come back to its wait
     }
     Reply(got.requesterTaskId, seqNo, 37);
+    (void)TakeAndAsk(got, 1);
   });
   EXPECT_EQ(ExeScriptProxy(kRequester, &request_, true, 0), 37u);
-  EXPECT_EQ(Logged("timeout,resend"), 0u);
-}
-
-TEST_F(ProxyTest, AnUnannouncedAuthorisationIsRefused) {
-  Start();
-  auto executor = std::async(std::launch::async, [] {
-    TolaMsgExeUpdateScriptData got;
-    (void)AskForAuthorisation(got, {0, 0, 0, 0, 1, 0});
-  });
-  EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 0), 0u);
+  EXPECT_EQ(Logged("timeout,resend"), 0);
+  EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 0), 0u)
+      << "kept: refused, and success for the caller";
 }
 
 TEST_F(ProxyTest, SilenceIsAnsweredByOneRepeatOfTheSameRequestAndThenGivenUp) {
-  Start();
   std::atomic<bool> done = false;
   auto time = std::async(std::launch::async, [&] {
     while (!done) {
@@ -170,39 +137,22 @@ TEST_F(ProxyTest, SilenceIsAnsweredByOneRepeatOfTheSameRequestAndThenGivenUp) {
   EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 0), kExeErrTimeout);
   done = true;
   time.get();
-  uint16_t first = 0;
-  uint16_t second = 0;
-  TolaMsgExeUpdateScriptData got;
-  Take(got, first);
-  Take(got, second);
-  EXPECT_EQ(first, second) << "the executor would run the script a second time";
-  EXPECT_EQ(Executor::Waiting(), 0u);
-  EXPECT_EQ(Logged("timeout,resend=0") + 2 * Logged("timeout,resend=1"), 3u);
-}
-
-TEST_F(ProxyTest, RepliesThatCannotBeReadWakeNobody) {
-  const uint8_t reply[] = {1, 0, 0, 0, 0};
-  EXPECT_NE(ProcUpdateExeScriptReplyMsg(reply, sizeof(reply)), 0u);
-  EXPECT_NE(ProcUpdateAuthReqMsg(reply, 3, 1), 0u);
-  uint32_t events = 0;
-  EXPECT_EQ(KEL_EventRead(3, &events, kKelEventAny, 0), kKelErrTimeout);
+  Request got;
+  const uint16_t first = Take(got);
+  EXPECT_EQ(Take(got), first) << "the executor would run the script a second time";
+  EXPECT_EQ(AtExecutor().Size(), 0u);
 }
 
 TEST_F(ProxyTest, ARequestThatNobodyTakesIsTriedElevenTimesASecondApart) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        Start(false);
-        ASSERT_EQ(TOLA_MsgManagerInit(), 0u);
-        const uint64_t start = KEL_ClockMonotonicNs();
-        const uint32_t result = ExeScriptProxy(kRequester, &request_, false, 0);
-        const auto seconds = static_cast<unsigned>((KEL_ClockMonotonicNs() - start) / 1000000000u);
-        fprintf(stderr, "result %u after %u seconds, %zu line", result, seconds,
-                Logged("send qeq fail 18705,12"));
-        process_.reset();
-        update_test::LeaveProcess(dir_, log_);
-      },
-      ::testing::ExitedWithCode(0), "result 18705 after 10 seconds, 1 line");
+  CompAddr executor{};
+  CompManagerImpl& manager = CompManagerImpl::GetInstance();
+  ASSERT_EQ(manager.GetCompAddr(kScriptExeCompId, executor), 0u);
+  ASSERT_EQ(manager.EraseItemFromCsiTable(kScriptExeCompId), 0u);
+  const uint64_t start = KEL_ClockMonotonicNs();
+  EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 0), 18705u);
+  EXPECT_EQ((KEL_ClockMonotonicNs() - start) / 1000000000u, 10u);
+  EXPECT_EQ(Logged("send qeq fail 18705,12"), 1);
+  EXPECT_EQ(manager.CompImport(kScriptExeCompId, executor.typeId), 0u);
 }
 
 }  // namespace

@@ -2,13 +2,12 @@
 /// not make anybody wait.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,11 +16,6 @@
 #include "velto/kel_clock.h"
 
 namespace update_test {
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Runs a shell command of the test itself.
 inline void Shell(const std::string& command) {
@@ -39,13 +33,16 @@ class UpdateTest : public ::testing::Test {
   [[nodiscard]] bool Exists(const std::string& name) const {
     return std::filesystem::exists(dir_.File(name));
   }
+  [[nodiscard]] std::string Read(const std::string& name) const {
+    std::ifstream file(dir_.File(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
 
   /// How many log lines hold `part`.
-  [[nodiscard]] size_t Logged(const std::string& part) const {
+  [[nodiscard]] std::ptrdiff_t Logged(const std::string& part) const {
     const std::vector<std::string> lines = log_.Lines();
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-      return line.find(part) != std::string::npos;
-    }));
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const std::string& line) { return line.find(part) != std::string::npos; });
   }
 
   support::TempDir dir_;
