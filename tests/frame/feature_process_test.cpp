@@ -15,32 +15,22 @@
 #include "frame/user_tick.h"
 #include "velto/kel_clock.h"
 
-namespace {
-
-constexpr char kName[] = "update_active";
-
-}  // namespace
-
-const FeatureIdentity g_featureIdentity = {kName, 1056, nullptr};
+const FeatureIdentity g_featureIdentity = {"update_active", 1056, nullptr};
 
 namespace {
 
 TEST(AppEnv, TakesTheDirectoryByLengthAlone) {
   char env[256] = {};
-  EXPECT_EQ(TolaOsGetAppEnv("/app_run/app_bin/update_active", kName, env, sizeof(env)), 0u);
+  const auto get = [&](const char* path) { return TolaOsGetAppEnv(path, "update_active", env, sizeof(env)); };
+  EXPECT_EQ(get("/app_run/app_bin/update_active"), 0u);
   EXPECT_STREQ(env, "TOLA_ROOT_DIR=/app_run/app_bin/");
-  EXPECT_EQ(TolaOsGetAppEnv("/a/some_other_nam", kName, env, sizeof(env)), 0u) << "the name is not compared";
+  EXPECT_EQ(get("/a/some_other_nam"), 0u) << "the name is not compared";
   EXPECT_STREQ(env, "TOLA_ROOT_DIR=/a/s");
-}
-
-TEST(AppEnv, RefusesPathsWithoutADirectoryAndTooLongOnes) {
-  char env[256] = {};
-  EXPECT_EQ(TolaOsGetAppEnv(kName, kName, env, sizeof(env)), 1u) << "started by its bare name";
-  EXPECT_EQ(TolaOsGetAppEnv(nullptr, kName, env, sizeof(env)), 1u) << "started without any argument";
-  const std::string longest = "/" + std::string(254, 'd') + kName;
-  EXPECT_EQ(TolaOsGetAppEnv(longest.c_str(), kName, env, sizeof(env)), kErrTextFormat)
-      << "255 characters fit the scratch buffer, not the entry";
-  EXPECT_EQ(TolaOsGetAppEnv(("/" + longest).c_str(), kName, env, sizeof(env)), 1u);
+  EXPECT_EQ(get("update_active"), 1u) << "started by its bare name";
+  EXPECT_EQ(get(nullptr), 1u) << "started without any argument";
+  const std::string longest = "/" + std::string(254, 'd') + "update_active";
+  EXPECT_EQ(get(longest.c_str()), kErrTextFormat) << "255 characters fit the scratch buffer, not the entry";
+  EXPECT_EQ(get(("/" + longest).c_str()), 1u);
 }
 
 /// Becomes a daemon whose standard input and output were closed, and reports on standard error.
@@ -70,24 +60,18 @@ TEST(Daemon, HoldsThreeDescriptorsAndOutlivesABrokenPipe) {
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0) << "whoever starts the daemon sees 0";
-  std::string seen;
-  char part[64];
-  for (ssize_t length = 0; (length = read(reader.get(), part, sizeof(part))) > 0;) {
-    seen.append(part, static_cast<size_t>(length));
-  }
-  EXPECT_EQ(seen, "ooo------- not a leader in /tmp alive");
+  char seen[64] = {};  // one write, so one read; it ends when the daemon does
+  EXPECT_GT(read(reader.get(), seen, sizeof(seen) - 1), 0);
+  EXPECT_STREQ(seen, "ooo------- not a leader in /tmp alive");
 }
 
 TEST(UnSamePid, TakesTheFirstThatIsNeitherZeroNorOwn) {
-  struct Row {
-    std::string line;
-    uint32_t expected;
-  };
-  for (Row row : {Row{"17", kNoSuchProcess}, Row{"17 18\t19\n", 18}, Row{"0 17\n", kNoSuchProcess},
-                  Row{"x 21", 21}, Row{"", kNoSuchProcess}, Row{"99999999999999999999 5", 5}}) {
-    const std::string shown = row.line;
-    EXPECT_EQ(TolaOsGetUnSamePid(row.line.data(), 17), row.expected) << shown;
-  }
+  const std::pair<std::string, uint32_t> cases[] = {{"17", kNoSuchProcess},
+                                                    {"17 18\t19\n", 18},
+                                                    {"0 x 21", 21},
+                                                    {"", kNoSuchProcess},
+                                                    {"99999999999999999999 5", 5}};
+  for (auto [line, expected] : cases) EXPECT_EQ(TolaOsGetUnSamePid(line.data(), 17), expected) << line;
 }
 
 TEST(UserTick, CountsTicksKeepsTheRemainderAndReportsAJump) {
