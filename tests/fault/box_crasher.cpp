@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,7 +16,6 @@
 #include <string>
 #include <thread>
 
-#include "base/owners.h"
 #include "fault/box.h"
 #include "fault/feature_fault_manager.h"
 #include "log/file_public.h"
@@ -47,9 +45,9 @@ size_t Count(const std::string& text, const char* part) {
   return count;
 }
 
-void Limit(int what, rlim_t bytes) {
+void LimitFiles(rlim_t bytes) {
   const struct rlimit limit = {bytes, bytes};
-  (void)setrlimit(what, &limit);
+  (void)setrlimit(RLIMIT_FSIZE, &limit);
 }
 [[gnu::noinline]] void WriteToNull() {  // beside it: the sanitizers would not let null itself pass
   *reinterpret_cast<volatile int*>(static_cast<uintptr_t>(g_zero + 64)) = 1;
@@ -96,12 +94,12 @@ constexpr End kEnds[] = {
     {"abort", abort},
     {"limit",
      [] {
-       Limit(RLIMIT_FSIZE, 0x100000);
+       LimitFiles(0x100000);
        (void)!pwrite(open(File("long").c_str(), O_RDWR | O_CREAT, 0600), "x", 1, 0x100000);
      }},
     {"full",
      [] {
-       Limit(RLIMIT_FSIZE, 3000);
+       LimitFiles(3000);
        WriteToNull();
      }},
     {"twice", WriteToNull},
@@ -172,11 +170,8 @@ void AwaitBoth() {
 
 /// Lets the five seconds pass once all blocks are there; ends the process when they do not come.
 void PassTime(bool isTwice) {
-  if (isTwice) {
-    AwaitBoth();
-  } else {
-    Await([] { return g_written >= 3; });
-  }
+  if (isTwice) AwaitBoth();
+  Await([isTwice] { return isTwice || g_written >= 3; });
   Await([] {
     KEL_ClockAdvanceMs(1000);
     return false;
@@ -187,8 +182,8 @@ void PassTime(bool isTwice) {
 int Run(const End& end) {
   KEL_ClockModeSet(kKelClockManual);
   TOLA_SIGNAL_BOX_S files = {};
-  (void)strncpy(files.exceptionFile, File("box.tola").c_str(), sizeof(files.exceptionFile) - 1);
-  (void)strncpy(files.backupFile, File("box_back.tola").c_str(), sizeof(files.backupFile) - 1);
+  (void)File("box.tola").copy(files.exceptionFile, sizeof(files.exceptionFile) - 1);
+  (void)File("box_back.tola").copy(files.backupFile, sizeof(files.backupFile) - 1);
   if (KEL_Start(nullptr) != 0) return 98;
   const uint32_t result = CBoxManager::GetInstance()->Init(files);
   if (result != 0) printf("init %u\n", result);
@@ -197,18 +192,17 @@ int Run(const End& end) {
     return 0;
   }
   (void)sigaction(kBoxTaskInfoSignal, nullptr, &g_taskInfo);
-  if (InstallSigHandlers(kBoxTaskInfoSignal, CountTaskInfo) != 0) return 98;
-  uint32_t id = 0;
   const bool isTwice = strcmp(end.name, "twice") == 0;
-  // The box's semaphore is the one before the next that is made.
-  if (isTwice && (KEL_SemaCreate("next", 1, 0, &g_saveFile) != 0 || KEL_SemaP(--g_saveFile, 0) != 0))
-    return 98;
   const uintptr_t second[4] = {isTwice ? 1u : 0u, 0, 0, 0};
   const uintptr_t chosen[4] = {reinterpret_cast<uintptr_t>(&end), strtoul(end.name, nullptr, 10), 0, 0};
-  if (KEL_TaskCreate("Waiter", &id, Waiter, 1, 0, 0, nullptr) != 0 ||
-      KEL_TaskCreate("SecondWaiter", &id, Waiter, 1, 0, 0, second) != 0 || id != kSecondWaiter) {
-    return 98;
-  }
+  uint32_t id = 0;
+  uint32_t failed = InstallSigHandlers(kBoxTaskInfoSignal, CountTaskInfo);
+  failed += KEL_SemaCreate("next", 1, 0, &g_saveFile);
+  --g_saveFile;  // the box's is the one before
+  if (isTwice) failed += KEL_SemaP(g_saveFile, 0);
+  failed += KEL_TaskCreate("Waiter", &id, Waiter, 1, 0, 0, nullptr);
+  failed += KEL_TaskCreate("SecondWaiter", &id, Waiter, 1, 0, 0, second);
+  if (failed != 0 || id != kSecondWaiter) return 98;
   std::thread(PassTime, isTwice).detach();
   if (KEL_TaskCreate("Crasher", &id, RunEnd, 1, 0, 0, chosen) != 0) return 98;
   AwaitSignals();

@@ -26,19 +26,6 @@ uint32_t Request(const std::vector<uint16_t>& words, size_t cut = 0) {
   return FaultDebugRequest(data.data(), static_cast<uint32_t>(data.size() - cut));
 }
 
-struct Terminal {
-  Terminal() {
-    int ends[2] = {-1, -1};
-    char name[64] = "/dev/pts/65535";
-    EXPECT_EQ(openpty(&ends[0], &ends[1], name, nullptr, nullptr), 0);
-    master.reset(ends[0]);
-    slave.reset(ends[1]);
-    number = static_cast<uint16_t>(atoi(name + strlen("/dev/pts/")));
-  }
-  base::UniqueFd master, slave;
-  uint16_t number = 0;
-};
-
 /// What `fd` is open on.
 std::pair<dev_t, ino_t> File(int fd) {
   struct stat status = {};
@@ -48,20 +35,24 @@ std::pair<dev_t, ino_t> File(int fd) {
 
 TEST(FaultRedirect, OutputGoesToTheTerminalAndBack) {
   const support::LogCapture log;
-  const Terminal first, second;
+  int ends[2] = {-1, -1};
+  char name[64] = {};
+  ASSERT_EQ(openpty(&ends[0], &ends[1], name, nullptr, nullptr), 0);
+  const base::UniqueFd master(ends[0]), slave(ends[1]);
+  const auto number = static_cast<uint16_t>(atoi(name + strlen("/dev/pts/")));
   const auto before = File(STDOUT_FILENO);
-  EXPECT_EQ(Request({0, first.number, 1}), 0u);
-  EXPECT_EQ(File(STDOUT_FILENO), File(first.slave.get()));
-  EXPECT_EQ(Request({0, second.number, 1}), 0u) << "the first is undone, not kept as the output to return to";
-  EXPECT_EQ(Request({0, second.number, 2}), 1u) << "neither on nor off changes nothing";
-  EXPECT_EQ(File(STDOUT_FILENO), File(second.slave.get()));
+  for (int i = 0; i < 2; ++i) {  // undone before the second, which does not return to the first
+    EXPECT_EQ(Request({0, number, 1}), 0u);
+    EXPECT_EQ(File(STDOUT_FILENO), File(slave.get()));
+  }
+  EXPECT_EQ(Request({0, number, 2}), 1u);
+  EXPECT_EQ(File(STDOUT_FILENO), File(slave.get())) << "neither on nor off changes nothing";
   EXPECT_EQ(Request({0, 65535, 1}), 1u) << "no such terminal";
   EXPECT_EQ(File(STDOUT_FILENO), before) << "not restored";
   EXPECT_EQ(Request({0, 0, 0}), 0u) << "off without a redirection";
-  EXPECT_THAT(log.Lines(),
-              testing::IsSupersetOf({"CMD:/dev/pts/" + std::to_string(first.number),
-                                     "Err-Num " + std::to_string(second.number) + " OnOff 2",
-                                     std::string("CMD:/dev/pts/65535,Err:2,No such file or directory")}));
+  EXPECT_THAT(log.Lines(), testing::IsSupersetOf(
+                               {"CMD:" + std::string(name), "Err-Num " + std::to_string(number) + " OnOff 2",
+                                std::string("CMD:/dev/pts/65535,Err:2,No such file or directory")}));
 }
 
 TEST(FaultRequest, CutShortAtAnyByteDoesNothing) {

@@ -23,12 +23,9 @@ constexpr uint16_t kRegister = 2572;
 constexpr uint16_t kDebug = 2573;
 constexpr uint16_t kRegisterAgain = 41696;
 
-std::atomic<uint32_t> g_calls = 0;  // of two one-second callbacks
-std::atomic<bool> g_inOrder = true;
+std::atomic<uint32_t> g_calls = 0;  // of the one-second callback
 
-template <uint32_t parity>
 uint32_t Callback() {
-  if (g_calls % 2 != parity) g_inOrder = false;
   return ++g_calls % 2;  // its result is not used
 }
 
@@ -41,11 +38,11 @@ class FaultManagerTest : public testing::Test {
     ASSERT_EQ(TOLA_HeartBeatManagerInit(4), 0u);
     ASSERT_EQ(TOLA_MsgModuleRegister(kManager, kMsgNoTask, 1, 64), 0u);
     ASSERT_EQ(TOLA_MsgModuleRegister(kStranger, kMsgNoTask, 1, 64), 0u);
-    ASSERT_EQ(FaultRegTimer1sFunc(Callback<0>), 0u) << "before Init";
+    ASSERT_EQ(FaultRegTimer1sFunc(Callback), 0u) << "before Init";
     ASSERT_EQ(TOLA_FaultManagerInit(nullptr), kFaultErrNullCfg);
     const TOLA_FAULT_MGR_CFG_S cfg = {kAgent};
     ASSERT_EQ(TOLA_FaultManagerInit(&cfg), 0u);
-    ASSERT_EQ(FaultRegTimer1sFunc(Callback<1>), 0u);
+    ASSERT_EQ(FaultRegTimer1sFunc(Callback), 0u);
   }
 
   /// Next message to the fault manager, or null when there is none.
@@ -96,32 +93,19 @@ TEST_F(FaultManagerTest, RegistersEverySecondUntilItIsAcknowledgedAndAgainWhenAs
   EXPECT_EQ(Next(), nullptr) << "acknowledged, and the acknowledgement is not replied to";
   Tell(kRegisterAgain);
   EXPECT_TRUE(isRegistration(Await())) << "at once";
-  Tell(kRegister);
-  EXPECT_EQ(Ask(0x123), 1);
-  EXPECT_TRUE(g_inOrder) << "of registration";
 }
 
 TEST_F(FaultManagerTest, DebugRequestsAreTheFaultManagersAlone) {
-  Tell(kRegister);
   const std::vector<uint8_t> level = {0, 1, 0x01, 0x2C, 0, 2};  // command 1: module 300 to level 2
   SetPrintPara(300, 0x34);
   EXPECT_EQ(Ask(kDebug, level, kStranger), 1);
-  while (Next() != nullptr) continue;  // the registration at Init, when this case runs alone
   EXPECT_EQ(GetPrintPara(300), 0x34);
-  EXPECT_EQ(Ask(kDebug, {0, 7}), 1);
-  EXPECT_THAT(log_.Lines(), testing::IsSupersetOf({"7->1056 Ty:0xa0d Err:0x1", "6->1056 Ty:0xa0d Err:0x1"}));
+  EXPECT_THAT(log_.Lines(), testing::Contains("7->1056 Ty:0xa0d Err:0x1"));
+  while (Next() != nullptr) continue;  // the registration at Init, when this case runs alone
   EXPECT_EQ(Ask(kDebug, level), 0);
   EXPECT_EQ(GetPrintPara(300), 0x32);
   Tell(0x123, {1, 0}, kStranger);
   EXPECT_EQ(Ask(0x124, {}, kStranger), 1) << "two agents would refuse each other's answers for ever";
-}
-
-TEST(FaultThreshold, TakesOneToNinetyNinePercentAndANameOfThirtyBytes) {
-  const std::string longest(30, 'n');
-  EXPECT_EQ(TOLA_CfgProcessMemThreshold(0, "a"), kFaultErrThreshold);
-  EXPECT_EQ(TOLA_CfgProcessMemThreshold(100, "a"), kFaultErrThreshold);
-  EXPECT_EQ(TOLA_CfgProcessMemThreshold(90, (longest + "n").c_str()), kFaultErrThreshold);
-  EXPECT_EQ(TOLA_CfgProcessMemThreshold(99, longest.c_str()), 0u);
 }
 
 /// A process of its own with a budget of 1 MiB of which `kib` are taken; ends as its agent ends it, or with 0
@@ -153,8 +137,13 @@ TEST(FaultThreshold, TakesOneToNinetyNinePercentAndANameOfThirtyBytes) {
   _exit(0);
 }
 
-TEST(FaultThresholdDeathTest, FiresAtItsPercentageAndEndsAProcessThatNobodyRestarts) {
+TEST(FaultThresholdDeathTest, IsCheckedAndFiresAtItsPercentageAndEndsAProcessThatNobodyRestarts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string tooLong(31, 'n');
+  for (const auto& [percent, name] :
+       {std::pair(0, "a"), std::pair(100, "a"), std::pair(90, tooLong.c_str())}) {
+    EXPECT_EQ(TOLA_CfgProcessMemThreshold(static_cast<uint16_t>(percent), name), kFaultErrThreshold);
+  }
   EXPECT_EXIT(RunWithMemoryInUse(920), testing::ExitedWithCode(0), "") << "89.8 are 89 percent";
   EXPECT_EXIT(RunWithMemoryInUse(922), testing::KilledBySignal(SIGKILL), "");
 }
