@@ -83,7 +83,6 @@ class MsgTest : public ::testing::Test {
   }
   void TearDown() override {
     TolaMsgSendToCompRegFun(nullptr, nullptr);
-    Tola_MsgSameQueueRegFun(nullptr, nullptr);
     MsgMgrRegAppIpcMsgFun(nullptr, nullptr, nullptr);
     RegHighPriQueueProcObj(nullptr);
     for (const uint16_t id : {kTo, kOther}) {
@@ -250,16 +249,6 @@ TEST_F(MsgTest, TheHighPriorityQueueIsServedFirstAndAFullQueueDisturbsNothingEls
   EXPECT_EQ(TOLA_MsgRecv(kTo, &msg, 0), kMsgErrQueueRead);
   EXPECT_EQ(msg, nullptr) << "an empty queue left an old pointer";
   EXPECT_EQ(Post(kTo, overflow), 0u) << "the sender may retry the same buffer";
-}
-
-TEST_F(MsgTest, ModulesMayShareAQueue) {
-  Tola_MsgSameQueueRegFun([](uint16_t id) { return id == kOther; }, [](uint16_t) { return kTo; });
-  EXPECT_EQ(TOLA_MsgModuleRegister(kOther, task, 2, 8), kMsgErrNotRegistered) << "no queue to share yet";
-  Register(kTo);
-  ASSERT_EQ(TOLA_MsgModuleRegister(kOther, task, 2, 8), 0u);
-  ASSERT_EQ(SendSimpleFormatMsg(kFrom, kOther, 8, 0, 0, nullptr), 0u);
-  EXPECT_EQ(TakeEvents(), 2u) << "the event is the other module's own";
-  EXPECT_EQ(Receive(kTo)->destination, kOther);
 }
 
 TEST_F(MsgTest, ManySendersLoseAndDoubleNothing) {
