@@ -80,7 +80,7 @@ TEST_F(RunLogRepeatTest, ThirtyFirstRecordPushesOutTheOldestAndTheEndAllOthers) 
   Set<uint8_t>(kLogRepeatEnable, 0);
   Log({"32", "32"});
   const auto lines = NewLines();
-  EXPECT_THAT(lines, SizeIs(32)) << "a count of 0 is told at the end";
+  ASSERT_THAT(lines, SizeIs(32)) << "a count of 0 is told at the end";
   EXPECT_EQ(lines[0], "F Cnt:0x0,3 2024-03-05 14:02:07");
   EXPECT_EQ(lines[29], "F Cnt:0x1,32 2024-03-05 14:02:07");
 }
