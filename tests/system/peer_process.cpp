@@ -2,20 +2,18 @@
 /// task that exchanges messages with its twin and compares every byte of them.
 ///
 /// Files in /run steer it: "exchange" starts the exchange, "exchange.stop" ends it, "<name>.stick" stops the
-/// task's heart beat, "<name>.fill" uses up the memory, "<name>.map" asks for its memory map. How it stands
+/// task's heart beat, "<name>.map" asks for its memory map. How it stands
 /// is one line in "/log/<name>.result".
 
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <memory>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "fault/box.h"
-#include "fault/feature_fault_manager.h"
 #include "frame/feature_identity.h"
 #include "frame/feature_process.h"
 #include "log/run_log.h"
@@ -34,7 +32,6 @@ constexpr uint32_t kEventMsg = 1;
 constexpr uint32_t kQueueLength = 64;
 constexpr uint32_t kTurnMs = 20;
 constexpr uint16_t kHeartBeatS = 60;
-constexpr uint16_t kMemoryPercent = 90;
 
 // Message types; the sub-type is a number of the sender's.
 constexpr uint16_t kData = 0x5001;
@@ -114,13 +111,6 @@ void Exchange::SendMore() {
 
 void Exchange::ObeyFiles() const {
   const std::string own = std::string("/run/") + kName;
-  if (unlink((own + ".fill").c_str()) == 0) {
-    uint32_t handle = 0;
-    if (KEL_HandleInitialize("fill", &handle) != 0) _exit(1);
-    while (KEL_MemGetFreeSize() > KEL_MemGetTotalSize() / 20) {
-      if (KEL_MEM_ALLOC(handle, 1024 * 1024) == nullptr) break;  // is never given back
-    }
-  }
   if (unlink((own + ".map").c_str()) == 0) {  // as its box does when it may not read the map itself
     const std::string command =
         "cat /proc/" + std::to_string(getpid()) + "/maps >> /log/root_log/" + kName + ".map.tmp";
@@ -134,13 +124,9 @@ void Exchange::ObeyFiles() const {
 
 void Exchange::Report() const {
   const std::string path = std::string("/log/") + kName + ".result";
-  {
-    const std::unique_ptr<FILE, decltype(&fclose)> file(fopen((path + ".new").c_str(), "w"), fclose);
-    if (file == nullptr) return;
-    const bool isDone = FileIsThere("/run/exchange.stop") && answered_ == sent_;
-    (void)fprintf(file.get(), "%s sent %u answered %u wrong %u\n", isDone ? "done" : "runs", sent_, answered_,
-                  wrong_);
-  }
+  const bool isDone = FileIsThere("/run/exchange.stop") && answered_ == sent_;
+  std::ofstream(path + ".new") << (isDone ? "done" : "runs") << " sent " << sent_ << " answered " << answered_
+                               << " wrong " << wrong_ << "\n";
   (void)rename((path + ".new").c_str(), path.c_str());  // whoever reads it reads a whole line
 }
 
@@ -172,8 +158,6 @@ void RunTask(uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
 }
 
 uint32_t StartTask(TOLA_COMP_REG_BLOCK_S* /*no components*/) {
-  const uint32_t result = TOLA_CfgProcessMemThreshold(kMemoryPercent, kName);
-  if (result != 0) return result;
   uint32_t taskId = 0;
   return KEL_TaskCreate("PEER", &taskId, RunTask, 20, 0, 0, nullptr);
 }
