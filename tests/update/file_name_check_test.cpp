@@ -3,13 +3,10 @@
 #include "update/file_name_check.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include <string>
-#include <vector>
 
 #include "base/result_codes.h"
 #include "support/log_capture.h"
@@ -26,18 +23,14 @@ class PackageTest : public testing::Test {
   PackageTest() : path_(getenv("PATH")) { setenv("LC_ALL", "C", 1); }
   ~PackageTest() override { setenv("PATH", path_.c_str(), 1); }
 
-  void Run(const std::string& command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
-
-  /// A package `name` that holds one file called `member`, put there with `options` of tar.
-  std::string Tar(const std::string& name, const std::string& member, const std::string& options = "") {
-    dir_.Write("in/" + member, "x");
-    Run("cd '" + dir_.File("in") + "' && tar " + options + " -czf '" + dir_.File(name) +
-        "' -- *; r=$?; rm -rf *; exit $r");
-    return dir_.File(name);
-  }
-  std::string Zip(const std::string& name, const std::string& member) {
+  /// A package `name`, a zip where it ends so, of one file called `member`; whatever lies in dir_/in goes
+  /// with it.
+  std::string Pack(const std::string& name, const std::string& member) {
     dir_.Write("in/" + member, "four");
-    Run("cd '" + dir_.File("in") + "' && zip -qr '" + dir_.File(name) + "' . && rm -rf *");
+    const std::string tool = name.ends_with(".zip") ? "zip -qr '" : "tar -czf '";
+    const std::string command =
+        "cd '" + dir_.File("in") + "' && " + tool + dir_.File(name) + "' -- *; rm -rf *";
+    EXPECT_EQ(system(command.c_str()), 0);
     return dir_.File(name);
   }
   /// Puts a tool before the real one that prints `text`, whatever it is asked.
@@ -64,41 +57,33 @@ TEST(FileNameTest, ForbiddenCharactersAndClimbingAreRefusedWithinTheLength) {
   EXPECT_EQ(CheckFileNameSpecialChar("/a;c", 4, "b", false), 0u) << "another set was asked for";
   EXPECT_EQ(CheckFileNameSpecialChar("a/../b", 6, nullptr, true), 1u);
   EXPECT_EQ(CheckFileNameSpecialChar("a/../b", 6, nullptr, false), 0u);
-  EXPECT_EQ(CheckFileNameSpecialChar(nullptr, 0, nullptr, false), 1u);
   EXPECT_EQ(CheckFileNameByWightList("ab", 3), 1u) << "the terminator is no allowed character";
 }
 
 TEST(FileNameTest, OneListedLineIsJudgedByItsBaseName) {
-  const std::vector<const char*> accepted = {"./\n",     ".\n", "./bin/run.sh\n", "bin/\n",     "lib/x.so",
-                                             "a;b/x.so", "",    "d\\x.txt",       "/etc/passwd"};
-  const std::vector<const char*> refused = {"a b.txt\n", "b;n/\n",    "../\n",     "a./\n",
-                                            "d/e\\f/",   "lib/x$.so", "x/\xC3\xA4"};
-  auto check = [](std::string line) {
+  const auto check = [](std::string line) {
     return CheckOneFileName(line.data(), static_cast<uint32_t>(line.size() + 1));
   };
-  for (const char* text : accepted) EXPECT_EQ(check(text), 0u) << text;
-  for (const char* text : refused) EXPECT_EQ(check(text), 1u) << text;
-  char line[] = "./bin/run.sh\n";
-  EXPECT_EQ(CheckOneFileName(line, 4), kErrShift);
-  EXPECT_STREQ(GetAndCheckFileName("a/b\\c/d.txt"), "d.txt");
+  for (const char* text : {"./\n", ".\n", "./bin/run.sh\n", "bin/\n", "lib/x.so", "a;b/x.so", "", "d\\x.txt"})
+    EXPECT_EQ(check(text), 0u) << text;
+  for (const char* text : {"a b.txt\n", "b;n/\n", "../\n", "a./\n", "d/e\\f/", "lib/x$.so", "x/\xC3\xA4"})
+    EXPECT_EQ(check(text), 1u) << text;
   EXPECT_STREQ(GetAndCheckFileName("a/b/"), "a/b/") << "a folder is judged and given back whole";
 }
 
 TEST_F(PackageTest, MemberNamesOfArchivesDecide) {
-  EXPECT_EQ(Check(Tar("good.tar.gz", "bin/run-1_2.sh", "--transform 's,^,./,'")), 0u);
-  EXPECT_EQ(Check(Tar("with space.tar.gz", "d r/x.so")), 0u);
-  EXPECT_EQ(Check(Tar("with bad space.tar.gz", "a b.txt")), 1u) << "the path was split and nothing examined";
-  EXPECT_EQ(Check(Tar("newline.tar.gz", "a\nb")), 1u) << "tar's escape was taken for a name";
-  EXPECT_EQ(Check(Tar("foreign_dir.tar.gz", "\xC3\xA4/x.so")), 1u)
-      << "the folder's own line is judged as well";
-  EXPECT_EQ(Check(Tar("long.tar.gz", std::string(200, 'd') + "/" + std::string(80, 'f') + ";")), 1u)
-      << "only the first 255 characters were looked at";
-  EXPECT_EQ(Check(Zip("good.zip", "bin/run.sh")), 0u);
+  for (const char* package : {"good.tar.gz", "with space.tar.gz", "good.zip"})
+    for (const char* member : {"bin/run-1_2.sh", "d r/x.so"})
+      EXPECT_EQ(Check(Pack(package, member)), 0u) << package << " with " << member;
   EXPECT_THAT(log_.Lines(), Contains("unzip cmd:unzip -Z1 " + dir_.File("good.zip")));
-  EXPECT_EQ(Check(Zip("bad.zip", "a b.txt")), 1u);
-  EXPECT_EQ(Check(Zip("bad space.zip", "a b.txt")), 1u)
-      << "the shell split the path: an empty listing passed";
-  EXPECT_EQ(Check(Tar("pkg.zip.tar.gz", "a b.txt")), 1u) << "listed as a zip it shows nothing";
+  // A path that the shell splits gives an empty listing, and so does a tar that is listed as a zip.
+  for (const char* package :
+       {"bad.tar.gz", "with space.tar.gz", "bad.zip", "with space.zip", "pkg.zip.tar.gz"})
+    EXPECT_EQ(Check(Pack(package, "a b.txt")), 1u) << package;
+  // tar escapes the first two; of the third only a later piece is bad.
+  for (const std::string& member : {std::string("a\nb"), std::string("\xC3\xA4/x.so"),
+                                    std::string(200, 'd') + "/" + std::string(80, 'f') + ";"})
+    EXPECT_EQ(Check(Pack("bad.tar.gz", member)), 1u) << member;
 }
 
 TEST_F(PackageTest, PathsDecideBeforeAnythingIsListed) {
@@ -106,21 +91,20 @@ TEST_F(PackageTest, PathsDecideBeforeAnythingIsListed) {
   EXPECT_EQ(Check(dir_.File("a;b.tar.gz")), 1u);
   EXPECT_EQ(Check("../a.tar.gz"), 1u);
   EXPECT_EQ(Check("--use-compress-program=x.tar.gz"), 1u) << "the path would be an option";
-  EXPECT_EQ(CheckFileNameInCompressedPackage(nullptr), 1u);
   const std::string suffix = ".tar.gz";
   const size_t fits = 256 - strlen("tar -ztf \"\"") - suffix.size();
   EXPECT_EQ(Check(std::string(fits, 'x') + suffix), 0u);
   EXPECT_EQ(Check(std::string(fits + 1, 'x') + suffix), kErrFormat);
 
   StandIn("unzip", "usage: unzip without bare names\n");
-  EXPECT_EQ(Check(Zip("good.zip", "run.sh")), 1u) << "kept: a long listing is refused";
+  EXPECT_EQ(Check(Pack("good.zip", "run.sh")), 1u) << "kept: a long listing is refused";
   EXPECT_THAT(log_.Lines(), ElementsAre("unzip cmd:unzip -lq " + dir_.File("good.zip")));
 }
 
 TEST_F(PackageTest, TarSizeIsTheSumOfWhatIsListed) {
   uint32_t size = 7;
-  dir_.Write("in/second", std::string(99, 'x'));
-  const std::string package = Tar("two.tar.gz", "first");
+  dir_.Write("in/second", std::string(96, 'x'));
+  const std::string package = Pack("two.tar.gz", "first");
   EXPECT_EQ(GetTarPackFileSize(package.c_str(), size), 0u);
   EXPECT_EQ(size, 100u);
   EXPECT_THAT(log_.Lines(), ElementsAre("cmd:tar -ztvf \"" + package + "\"|awk '{print $3}'"));
@@ -130,12 +114,12 @@ TEST_F(PackageTest, TarSizeIsTheSumOfWhatIsListed) {
   StandIn("tar", many);
   EXPECT_EQ(GetTarPackFileSize("x.tar.gz", size), 0u);
   EXPECT_EQ(size, 4'199'999'958u);
-  const std::vector<std::string> abnormal = {many + "m o 99999999 n\n",  // the sum leaves 32 bits
-                                             "m o 100000000 n\n",
-                                             "m o 5 n\nm o -5 n\n",
-                                             "m o 0 n\nm o 0 n\n",
-                                             "c o 1,3 n\nm o 5 n\n",  // a device
-                                             ""};
+  const std::string abnormal[] = {many + "m o 99999999 n\n",  // the sum leaves 32 bits
+                                  "m o 100000000 n\n",
+                                  "m o 5 n\nm o -5 n\n",
+                                  "m o 0 n\nm o 0 n\n",
+                                  "c o 1,3 n\nm o 5 n\n",  // a device
+                                  ""};
   for (const std::string& listing : abnormal) {
     StandIn("tar", listing);
     EXPECT_EQ(GetTarPackFileSize("x.tar.gz", size), 1u) << listing;
@@ -147,7 +131,7 @@ TEST_F(PackageTest, TarSizeIsTheSumOfWhatIsListed) {
 TEST_F(PackageTest, ZipSizeIsTheLastLineOfTheListing) {
   uint32_t size = 0;
   dir_.Write("in/second", "four");
-  EXPECT_EQ(GetZipPackFileSize(Zip("two.zip", "first").c_str(), size), 0u);
+  EXPECT_EQ(GetZipPackFileSize(Pack("two.zip", "first").c_str(), size), 0u);
   EXPECT_EQ(size, 8u);
   for (const char* total : {"0 files\n", "-1 files\n", "123456789 files\n", "Archive: x\n", ""}) {
     StandIn("unzip", std::string("5 first\n") + total);
@@ -164,12 +148,8 @@ TEST_F(PackageTest, UnpackingMustLeaveATenthOfTheMemory) {
   EXPECT_EQ(log_.Lines()[0], "flash:100000,50000,40000,10");
 
   log_.Clear();
-  (void)IsReleasePackSafe(9, "x");  // how much is free is the machine's affair
-  EXPECT_THAT(log_.Lines(), ElementsAre("file len:0 B", StartsWith("flash:"))) << "another kind has size 0";
-  EXPECT_EQ(log_.Records()[0].file, "file_release");
   EXPECT_FALSE(TOLA_IsEnoughRamToDecompressPackage("x.rpm"))
       << "kept: refused here, accepted by the name check";
-  log_.Clear();
   EXPECT_FALSE(TOLA_IsEnoughRamToDecompressPackage(dir_.Write("not.tar.gz", "no archive").c_str()));
   EXPECT_THAT(log_.Lines(),
               ElementsAre(StartsWith("cmd:"), "file abnormal", "file len:0 B", "release pack unsafe"));
