@@ -26,115 +26,85 @@ void WriteFile(const char* path, const std::string& content) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-TEST(ProcessXml, ValuesAreTrimmedOfSpacesAloneAndMayBeEmpty) {
-  WriteFile(kXml,
-            "<module_cfg><other/><velto><cfg_file>  /a b/c.cfg </cfg_file></velto><comp>"
-            "<local_comp_ip></local_comp_ip><dest_comp_ip>\t10.0.0.2</dest_comp_ip></comp></module_cfg>");
+TEST(ProcessXml, ValuesAreTrimmedOfSpacesAndWhatIsMissingKeepsWhatTheCallerHad) {
+  const struct {
+    const char* xml;
+    uint32_t result;
+    const char* path;
+    const char* local;
+    const char* dest;
+  } cases[] = {
+      {"<module_cfg><other/><velto><cfg_file>  /a b/c.cfg </cfg_file></velto><comp>"
+       "<local_comp_ip></local_comp_ip><dest_comp_ip>\t10.0.0.2</dest_comp_ip></comp></module_cfg>",
+       0, "/a b/c.cfg", "", "\t10.0.0.2"},
+      {"<module_cfg><comp><dest_comp_ip>10.0.0.2</dest_comp_ip></comp></module_cfg>", Emos::kXmlErrElement,
+       "had", "had", "had"},  // the local address failed, so the other is not read
+      {"<other/>", Emos::kXmlErrElement, "had", "had", "had"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.xml);
+    WriteFile(kXml, c.xml);
+    std::string xmlPath = "had", local = "had", dest = "had";
+    EXPECT_EQ(GetVeltoCfgFromXml(xmlPath), c.result);
+    GetCompIpFromXml(local, dest);
+    EXPECT_EQ(xmlPath, c.path);
+    EXPECT_EQ(local, c.local);
+    EXPECT_EQ(dest, c.dest);
+  }
   std::string path;
-  EXPECT_EQ(GetVeltoCfgFromXml(path), 0u);
-  EXPECT_EQ(path, "/a b/c.cfg");
-  std::string local = "127.0.0.1";
-  std::string dest = "127.0.0.1";
-  GetCompIpFromXml(local, dest);
-  EXPECT_EQ(local, "");
-  EXPECT_EQ(dest, "\t10.0.0.2");
-}
-
-TEST(ProcessXml, MissingElementsKeepWhatTheCallerHad) {
-  WriteFile(kXml, "<module_cfg><comp><dest_comp_ip>10.0.0.2</dest_comp_ip></comp></module_cfg>");
-  std::string path = "kept";
-  EXPECT_EQ(GetVeltoCfgFromXml(path), Emos::kXmlErrElement);
-  EXPECT_EQ(path, "kept");
-  std::string local = "127.0.0.1";
-  std::string dest = "127.0.0.1";
-  GetCompIpFromXml(local, dest);
-  EXPECT_EQ(dest, "127.0.0.1") << "read although the local address failed";
-  WriteFile(kXml, "<other/>");
-  EXPECT_EQ(GetVeltoCfgFromXml(path), Emos::kXmlErrElement);
   WriteFile(kXml, "<module_cfg><velto>");
   EXPECT_NE(GetVeltoCfgFromXml(path), 0u);
-  Emos::Parser unloaded;
-  EXPECT_EQ(unloaded.GetText({"comp"}, path), Emos::kXmlErrNotLoaded);
+  unlink(kXml);
 }
 
-class HaInfoTest : public testing::Test {
- protected:
-  void SetUp() override {
-    unlink(kHaInfo);
+TEST(HaInfo, ThePairingsAddressIsTakenOnlyWhenItIsUsed) {
+  constexpr int kNone = -1;
+  const struct {
+    const char* name;
+    const char* localIp;  ///< empty: the file of the pairing is short
+    uint16_t haSwitch;
+    int flag;      ///< of the file that tells whether the address is used, before
+    bool dynamic;  ///< the process has the marker for a process id
+    int flagAfter;
+    bool used;
+  } cases[] = {
+      {"short file", "", 1, 1, false, 1, false},
+      {"no address", "0.0.0.0", 1, 1, false, 1, false},
+      {"no flag", "10.1.2.3", 1, kNone, false, kNone, false},
+      {"flag 0", "10.1.2.3", 1, 0, false, 0, false},
+      {"switched off", "10.1.2.3", 0, 1, true, 0, false},
+      {"used", "10.1.2.3", 1, 1, false, 1, true},  // and from here on HA stays on
+      {"switched on", "10.1.2.3", 1, kNone, true, 1, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const HaInitInfo info = {inet_addr(c.localIp), inet_addr("10.1.2.4"), c.haSwitch, 1};
+    WriteFile(kHaInfo,
+              *c.localIp == '\0' ? "short" : std::string(reinterpret_cast<const char*>(&info), sizeof(info)));
     unlink(HA_IP_ENABLE_INFO);
-    unlink(kXml);
-    ASSERT_EQ(TOLA_OsRegProductCompInitInfo(block_.get()), 0u);
+    if (c.flag != kNone) (void)StoreHAIpEnableInfo(static_cast<uint16_t>(c.flag));  // looked at below
+    const auto block = std::make_unique<TOLA_COMP_REG_BLOCK_S>();
+    ASSERT_EQ(TOLA_OsRegProductCompInitInfo(block.get()), 0u);
+    const TOLA_COMP_REG_SET_S& set = block->product;
+    EXPECT_EQ(set.local.procId, 104u);
+    if (c.dynamic) block->product.local.procId = 100;
+
+    FlushLocalProcStaticInfo(block.get());
+    TolaOsUpdateDstProcInfo(block.get());
+    ASSERT_EQ(set.dstNum, 1u);
+    EXPECT_EQ(set.dst[0].addr[0].csi, 4150u);
+    EXPECT_STREQ(set.local.ip, c.used ? "10.1.2.3" : "127.0.0.1");
+    EXPECT_STREQ(set.dst[0].ip, c.used ? "10.1.2.3" : "127.0.0.1");
+    EXPECT_EQ(set.dst[0].procId, c.used ? 0x10203u : 100u) << "0x10000 and the low half of 10.1.2.3";
+    EXPECT_EQ(IsCompHaEnable(), c.used);
+    EXPECT_EQ(MakeCompCpi(4181), c.used ? 0x90001055u : 0x80001055u);
+    uint16_t flag = 0;
+    EXPECT_EQ(GetHAIpEnableInfo(&flag) == 0 ? flag : kNone, c.flagAfter);
   }
-
-  void WriteHa(const char* localIp, uint16_t haSwitch, uint16_t state) {
-    const HaInitInfo info = {inet_addr(localIp), inet_addr("10.1.2.4"), haSwitch, state};
-    WriteFile(kHaInfo, std::string(reinterpret_cast<const char*>(&info), sizeof(info)));
-  }
-
-  std::unique_ptr<TOLA_COMP_REG_BLOCK_S> block_ = std::make_unique<TOLA_COMP_REG_BLOCK_S>();
-};
-
-TEST_F(HaInfoTest, WithoutAPairingTheBlockStaysAsTheProductFilledIt) {
-  WriteFile(kHaInfo, "short");
-  FlushLocalProcStaticInfo(block_.get());
-  WriteHa("0.0.0.0", 1, 1);
-  FlushLocalProcStaticInfo(block_.get());
-  TolaOsUpdateDstProcInfo(block_.get());
-  const TOLA_COMP_REG_SET_S& set = block_->product;
-  EXPECT_STREQ(set.local.ip, "127.0.0.1");
-  EXPECT_EQ(set.local.procId, 104u);
-  ASSERT_EQ(set.dstNum, 1u);
-  EXPECT_STREQ(set.dst[0].ip, "127.0.0.1");
-  EXPECT_EQ(set.dst[0].procId, 100u);
-  EXPECT_EQ(set.dst[0].addr[0].csi, 4150u);
-  EXPECT_FALSE(IsCompHaEnable());
-}
-
-TEST_F(HaInfoTest, UnusedAddressChangesNothing) {
-  WriteHa("10.1.2.3", 1, 1);
-  FlushLocalProcStaticInfo(block_.get());  // no enable file: not used
-  TolaOsUpdateDstProcInfo(block_.get());
-  EXPECT_STREQ(block_->product.local.ip, "127.0.0.1");
-  EXPECT_STREQ(block_->product.dst[0].ip, "127.0.0.1");
-  EXPECT_FALSE(IsCompHaEnable());
-}
-
-TEST_F(HaInfoTest, UsedAddressReplacesAddressesAndTheMarker) {
-  WriteHa("10.1.2.3", 1, 1);
-  ASSERT_EQ(StoreHAIpEnableInfo(1), 0u);
   struct stat info = {};
   ASSERT_EQ(stat(HA_IP_ENABLE_INFO, &info), 0);
   EXPECT_EQ(info.st_size, 2);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
-  FlushLocalProcStaticInfo(block_.get());
-  TolaOsUpdateDstProcInfo(block_.get());
-  EXPECT_STREQ(block_->product.local.ip, "10.1.2.3");
-  EXPECT_STREQ(block_->product.dst[0].ip, "10.1.2.3");
-  EXPECT_EQ(block_->product.dst[0].procId, 0x10203u) << "0x10000 and the low half of 10.1.2.3";
-  EXPECT_TRUE(IsCompHaEnable());
-  EXPECT_EQ(MakeCompCpi(4181), 0x90001055u);
-}
-
-TEST_F(HaInfoTest, ProcessWithTheMarkerStoresWhetherItsAddressIsUsed) {
-  block_->product.local.procId = 100;
-  WriteHa("10.1.2.3", 0, 1);
-  FlushLocalProcStaticInfo(block_.get());
-  uint16_t used = 9;
-  EXPECT_EQ(GetHAIpEnableInfo(&used), 0u);
-  EXPECT_EQ(used, 0u);
-  EXPECT_STREQ(block_->product.local.ip, "127.0.0.1");
-  WriteHa("10.1.2.3", 1, 1);
-  FlushLocalProcStaticInfo(block_.get());
-  EXPECT_EQ(GetHAIpEnableInfo(&used), 0u);
-  EXPECT_EQ(used, 1u);
-  EXPECT_STREQ(block_->product.local.ip, "10.1.2.3");
-}
-
-TEST_F(HaInfoTest, AddressTextThatDoesNotFitFailsTheRegistration) {
-  WriteFile(kXml,
-            "<module_cfg><comp><local_comp_ip>100.100.100.1000</local_comp_ip><dest_comp_ip>1.1.1.1"
-            "</dest_comp_ip></comp></module_cfg>");
-  EXPECT_EQ(TOLA_OsRegProductCompInitInfo(block_.get()), 1u);
 }
 
 }  // namespace
