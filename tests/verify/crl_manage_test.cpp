@@ -1,6 +1,7 @@
 // The stored revocation lists: which list wins, and that no failure and no power cut loses the stored one.
 #include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "verify_fixture.h"
 
@@ -63,7 +64,7 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
     EXPECT_EQ(ProcessCrlInfo(request_), code);
     EXPECT_EQ(Stored(), winner);
     EXPECT_EQ(Supplied(), code != 0 || supplied == none ? supplied : winner);
-    EXPECT_FALSE(Exists(aside_));
+    EXPECT_FALSE(fs::exists(aside_));
     EXPECT_TRUE(code != 0 || fs::status(stored_).permissions() == fs::perms{0600});
   }
 }
@@ -96,7 +97,7 @@ TEST_F(CrlManageTest, EachTypeHasAListOfItsOwn) {
     EXPECT_EQ(ProcessCrlInfo(request_), 0u);
     EXPECT_EQ(ReadFile(StoredFile(type == 2 ? "signature_2.crl" : "inside_signature.crl")), Supplied());
   }
-  EXPECT_FALSE(Exists(stored_)) << "type 0's list was touched";
+  EXPECT_FALSE(fs::exists(stored_)) << "type 0's list was touched";
 }
 
 /// The device knows that the signer is revoked; an older list does not.
@@ -131,7 +132,7 @@ TEST_F(CrlManageTest, ARevocationIsNotUndone) {
   request_.caType = 1;
   Supply(own + testpki::CrlPem({older.begin(), older.end()}));
   EXPECT_EQ(CMSSignatureVerify(request_), 50997u) << "the age of a list of type 0 was compared with nothing";
-  EXPECT_FALSE(Exists(StoredFile("inside_signature.crl")));
+  EXPECT_FALSE(fs::exists(StoredFile("inside_signature.crl")));
   Supply(own);
   EXPECT_EQ(CMSSignatureVerify(request_), 50987u) << "no list covers a signer of type 0";
 }
@@ -157,10 +158,10 @@ TEST_F(FailingCopyTest, TheStoredListSurvivesEveryFailure) {
     ReplaceCp(fault);
     EXPECT_EQ(ProcessCrlInfo(request_), 50997u);
     EXPECT_EQ(Stored(), older_);
-    EXPECT_FALSE(Exists(aside_));
+    EXPECT_FALSE(fs::exists(aside_));
     fs::remove_all(stored_);
     EXPECT_EQ(ProcessCrlInfo(request_), 50997u) << "first list";
-    EXPECT_FALSE(Exists(stored_)) << "half a first list stayed";
+    EXPECT_FALSE(fs::exists(stored_)) << "half a first list stayed";
   }
 }
 
@@ -184,7 +185,7 @@ TEST_F(FailingCopyTest, ACutInTheMiddleIsUndoneAtTheNextStart) {
   Store(cutShort);
   RestoreStoredCrlAtStart();
   EXPECT_EQ(Stored(), older_);
-  EXPECT_FALSE(Exists(aside_));
+  EXPECT_FALSE(fs::exists(aside_));
   Supply(newer_);
   EXPECT_EQ(ProcessCrlInfo(request_), 0u) << "the same update again";
   EXPECT_EQ(Stored(), newer_);

@@ -1,5 +1,4 @@
 // The verifiers on signed updates: what is changed, added or left out must be refused with its code.
-
 #include "verify/signature_verify_public.h"
 #include "verify_fixture.h"
 

@@ -2,11 +2,11 @@
 /// verification trusts, and the verification's log.
 #pragma once
 
+#include <ctype.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/crypto.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -29,10 +29,6 @@ namespace fs = std::filesystem;
 inline std::string ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline bool Exists(const std::string& path) {
-  return access(path.c_str(), F_OK) == 0;
 }
 
 class VerifyTest : public ::testing::Test {
