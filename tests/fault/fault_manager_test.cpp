@@ -116,9 +116,10 @@ TEST_F(FaultManagerTest, DebugRequestsAreTheFaultManagersAlone) {
   KEL_ClockModeSet(kKelClockManual);
   static std::atomic<uint32_t> seconds = 0;
   uint32_t handle = 0;
+  const std::string longest(30, 'n');
   const TOLA_FAULT_MGR_CFG_S cfg = {kAgent};
   if (KEL_CfgdbInitByFsldr(dir.File("cfg").c_str()) + KEL_Start(nullptr) +
-          KEL_HandleInitialize("load", &handle) + TOLA_CfgProcessMemThreshold(90, "peer") +
+          KEL_HandleInitialize("load", &handle) + TOLA_CfgProcessMemThreshold(90, longest.c_str()) +
           FaultRegTimer1sFunc([] { return ++seconds, 0u; }) + TOLA_MsgManagerInit() +
           TOLA_FaultManagerInit(&cfg) !=
       0) {

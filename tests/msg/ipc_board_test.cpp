@@ -253,11 +253,20 @@ TEST_F(IpcManagerTest, C_MessagesGoWhereTheMapSays) {
   ASSERT_EQ(TOLA_MsgModuleRegister(kHere, s_task, 1, 64), 0u);
 }
 
-TEST_F(IpcManagerTest, D_ForgedSourcesAreNotBelieved) {
+TEST_F(IpcManagerTest, D_ForgedSourcesAndRestartRequests) {
   InAChild([] { return SendHere(NewMsg(kHere, 4), 1); });
   EXPECT_TRUE(Logged("Recv App:1  Msg Err:0xa130")) << "a source that did not send it was believed";
   tagMsgBuf* msg = nullptr;
   EXPECT_NE(TOLA_MsgRecv(kHere, &msg, 0), 0u);
+
+  const auto asked = [] {
+    const MsgPtr reboot = s_main->Await(kIpcReboot);
+    return std::string(reinterpret_cast<char*>(TolaMsgData(reboot.get())) + offsetof(IpcRebootMsg, name));
+  };
+  ASSERT_EQ(TolaRebootAppByAppName("other_app"), 0u);
+  EXPECT_EQ(asked(), "other_app");
+  TolaFeatureAppArmRestart();
+  EXPECT_EQ(asked(), "program");
 }
 
 TEST_F(IpcManagerTest, E_RegistersAgainWithAMainProcessThatTookOver) {
