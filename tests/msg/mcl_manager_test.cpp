@@ -99,6 +99,10 @@ TEST(MclManagerTest, EveryModuleIsToldOfAllOthers) {
   EXPECT_EQ(TOLA_RegModuleIdToMcl(0, 0), 1u) << "0 is the mark of a free slot";
   for (uint16_t id = 100; id < 128; ++id) EXPECT_EQ(TOLA_RegModuleIdToMcl(id, 0), 0u);  // 32 with it
   EXPECT_EQ(TOLA_RegModuleIdToMcl(128, 0), 1u);
+  for (uint16_t id = 10; id <= 12; ++id) {
+    while (!Told(id).empty()) continue;
+  }
+  EXPECT_EQ(support::Live("msg manager"), before);
 }
 
 TEST(MclManagerTest, ANotificationIsReadWithinItsLength) {
