@@ -2,6 +2,7 @@
 #include <openssl/rsa.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "cms/root_ca.h"
@@ -156,6 +157,12 @@ TEST_F(SignatureVerifyTest, RefusesSubstitutedAlgorithmsAndAttributes) {
   const auto pssDefaults = [](CMS_ContentInfo* cms) {  // among them SHA-1
     ASSERT_EQ(ASN1_STRING_set(AlgorithmOf(cms)->parameter->value.sequence, "\x30", 2), 1);
   };
+  const auto otherMask = [](CMS_ContentInfo* cms) {
+    constexpr uint8_t kSha256[] = {0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, 0x01};
+    const ASN1_STRING* parameters = AlgorithmOf(cms)->parameter->value.sequence;
+    uint8_t* const end = parameters->data + parameters->length;
+    std::find_end(parameters->data, end, std::begin(kSha256), std::end(kSha256))[8] = 2;  // SHA-384
+  };
   const Identity rsa = MakeSigner(root, {.keyKind = KeyKind::kRsa2048});
   const auto pss = [&](const char* digest) {
     return Sign(text, {.signers = {{.identity = &rsa, .digest = digest, .pss = true}}});
@@ -167,6 +174,7 @@ TEST_F(SignatureVerifyTest, RefusesSubstitutedAlgorithmsAndAttributes) {
   CheckEach({
       {"not the declared digest", With(Changed(good, otherDigest)), kBadAlgorithm},
       {"PSS parameters of another digest", With(Changed(pss("SHA256"), pssOfOtherDigest)), kBadAlgorithm},
+      {"PSS mask of another digest", With(Changed(pss("SHA256"), otherMask)), kBadAlgorithm},
       {"PSS parameters left out", With(Changed(pss("SHA256"), pssDefaults)), kBadAlgorithm},
       {"another type than signed", With(Changed(good, otherType)), kBadAttributes},
       {"a type that is not signed", With(Changed(plain, otherType)), kBadAttributes},
