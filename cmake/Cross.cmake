@@ -17,5 +17,6 @@ include_directories(BEFORE SYSTEM ${TOLA_SYSROOT}/usr/include ${TOLA_SYSROOT}/us
 # GoogleTest from Debian's sources, since its packages hold the machine's own code only.
 macro(tola_build_googletest)
   set(INSTALL_GTEST OFF)
+  set(CMAKE_POLICY_DEFAULT_CMP0069 NEW)  # its sources know no link-time optimisation, which is fine for them
   add_subdirectory(/usr/src/googletest ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
 endmacro()
