@@ -81,6 +81,14 @@ class FrameSender {
 };
 static_assert(kIpcFramesMax <= INT16_MAX);
 
+/// A message that was found to be too long, with one byte behind the frame: a good frame that came in front
+/// of it meanwhile leaves that byte free.
+struct CutMessage {
+  IPC_MSG_S frame;
+  uint8_t more;
+};
+static_assert(offsetof(CutMessage, more) == sizeof(long) + kIpcFrameMax);
+
 }  // namespace
 
 void IpcPause() {
@@ -175,8 +183,13 @@ ssize_t IpcQueueReader::Receive(IPC_MSG_S* frame, bool any, uint32_t* ret) const
   const long type = any ? 0 : -kIpcClassLast;
   ssize_t got = msgrcv(queueId_, frame, kIpcFrameMax, type, IPC_NOWAIT);
   if (got < 0 && errno == E2BIG) {  // it would stay in front for ever: take it cut, and throw it away
-    got = msgrcv(queueId_, frame, kIpcFrameMax, type, IPC_NOWAIT | MSG_NOERROR);
-    *ret = kIpcErrFrame;
+    CutMessage cut = {};
+    got = msgrcv(queueId_, &cut, kIpcFrameMax + 1, type, IPC_NOWAIT | MSG_NOERROR);
+    if (got > static_cast<ssize_t>(kIpcFrameMax)) {
+      got = kIpcFrameMax;
+      *ret = kIpcErrFrame;
+    }
+    *frame = cut.frame;
   }
   if (got >= 0 && frame->type > kIpcClassLast) *ret = kIpcErrFrame;
   return got;
