@@ -38,18 +38,15 @@ using velto::WireHead;
 constexpr uint32_t kMessageMax = 1048576;
 
 struct Received {
-  uint32_t id, source, destination, priority;
-  std::string head, data;
+  uint32_t id = 0, source = 0, destination = 0, priority = 0;
+  std::string head = {}, data = {};
 };
 
 // This process's own component, which keeps what the peers answer.
 void Keep(void* message) {
-  Received received{DMS_MsgRecvIidGet(message),
-                    DMS_MsgSendCidGet(message),
-                    DMS_MsgRecvCidGet(message),
-                    0,
-                    std::string(static_cast<char*>(DMS_MsgReserveHeadGet(message)), kDmsReservedHeadSize),
-                    std::string(static_cast<char*>(message), DMS_MsgLenGet(message))};
+  Received received{DMS_MsgRecvIidGet(message), DMS_MsgSendCidGet(message), DMS_MsgRecvCidGet(message)};
+  received.head.assign(static_cast<char*>(DMS_MsgReserveHeadGet(message)), kDmsReservedHeadSize);
+  received.data.assign(static_cast<char*>(message), DMS_MsgLenGet(message));
   EXPECT_EQ(DMS_MsgQuePrioGet(message, &received.priority), 0u);
   support::TheInbox<Received>().Put(std::move(received));
 }
@@ -389,40 +386,32 @@ bool AsUser(uid_t user, const std::function<void()>& act) {
 
 constexpr uid_t kStranger = 54321;
 
-TEST_F(DmsTest, UsersWhoAreNotAllowedAreTurnedAwayAtBothEnds) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  const Peer peer(213);
+TEST_F(DmsTest, UsersWhoAreNotAllowedAreTurnedAwayAtBothEndsAndTheNamedOneIsServed) {
+  const passwd* user = getpwnam("daemon");
+  if (geteuid() != 0 || user == nullptr) GTEST_SKIP() << "needs root and the user daemon";
+  const Peer peer(213), given(216, runtime_.Config("given", 1000, "daemon"));
+  EXPECT_EQ(given.enabled(), 0u);
   Know(213);
   const UniqueFd listener = RawSocket(runtime_.SocketFile(214), bind);
+  const std::string socketFile = runtime_.SocketFile(213), givenFile = runtime_.SocketFile(216, "given");
   for (const std::string& path : {runtime_.files.path(), runtime_.files.File("dms")})
     ASSERT_EQ(chmod(path.c_str(), 0711), 0);
-  ASSERT_EQ(chmod(runtime_.SocketFile(213).c_str(), 0666), 0);
-  if (!AsUser(kStranger, [&] {
-        const UniqueFd raw = RawSocket(runtime_.SocketFile(213));
-        RawSend(raw, HeadFor(0), 0);
-        EXPECT_EQ(RawAnswer(raw), kClosed) << "a stranger's message was answered";
-        EXPECT_EQ(listen(listener.get(), 8), 0);
-      })) {
-    GTEST_SKIP() << "no other user is mapped here";
-  }
+  ASSERT_EQ(chmod(socketFile.c_str(), 0666), 0);
+  const bool mapped = AsUser(kStranger,
+                             [&] {
+                               EXPECT_EQ(RawSendWhole(RawSocket(socketFile), 0), kClosed)
+                                   << "a stranger's message was answered";
+                               EXPECT_NE(euidaccess(givenFile.c_str(), F_OK), 0) << "the directory is open";
+                               EXPECT_EQ(listen(listener.get(), 8), 0);
+                             }) &&
+                      AsUser(user->pw_uid, [&] {
+                        EXPECT_EQ(RawSendWhole(RawSocket(givenFile), kMessageMax + 1), kDmsErrTooLong)
+                            << "not served";
+                      });
+  if (!mapped) GTEST_SKIP() << "no other user is mapped here";
   ExpectServed("after a stranger");
   Know(214, 4214);
   EXPECT_EQ(Send(kEcho, "secret", 4214), kDmsErrPeerUser);
-}
-
-TEST_F(DmsTest, TheNamedUserReachesWhatRootMadeAndNobodyElseDoes) {
-  const passwd* user = getpwnam("daemon");
-  if (geteuid() != 0 || user == nullptr) GTEST_SKIP() << "needs root and the user daemon";
-  ASSERT_EQ(chmod(runtime_.files.path().c_str(), 0711), 0);
-  const Peer peer(216, runtime_.Config("given", 1000, "daemon"));
-  ASSERT_EQ(peer.enabled(), 0u);
-  const std::string file = runtime_.SocketFile(216, "given");
-  if (!AsUser(user->pw_uid, [&] {
-        EXPECT_EQ(RawSendWhole(RawSocket(file), kMessageMax + 1), kDmsErrTooLong) << "not served";
-      })) {
-    GTEST_SKIP() << "that user is not mapped here";
-  }
-  (void)AsUser(kStranger, [&] { EXPECT_NE(euidaccess(file.c_str(), F_OK), 0) << "the directory is open"; });
 }
 
 }  // namespace

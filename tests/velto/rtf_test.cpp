@@ -140,27 +140,22 @@ TEST_F(RtfTest, AnEntryMayDestroyItsOwnInstance) {
 }
 
 TEST(DmsMessageTest, ForeignMemoryIsNoMessage) {
-  alignas(16) char foreign[256] = {};
-  EXPECT_EQ(DMS_MsgFree(1, foreign + 128), kDmsErrPara);
+  alignas(16) char copy[48 + 100];
   void* message = DMS_MsgAlloc(1, 100);
   ASSERT_NE(message, nullptr);
-  memcpy(foreign, static_cast<char*>(message) - 48, 148);
-  EXPECT_EQ(DMS_MsgFree(1, foreign + 48), kDmsErrPara) << "a copy of a message is none";
+  memcpy(copy, static_cast<char*>(message) - 48, sizeof(copy));
+  EXPECT_EQ(DMS_MsgFree(1, copy + 48), kDmsErrPara) << "a copy of a message is none";
   EXPECT_EQ(DMS_MsgSend(4150, message), kDmsErrPara) << "an instance id is no CPI; the message is consumed";
   EXPECT_EQ(DMS_MsgAlloc(1, UINT32_MAX), nullptr) << "head and data are added in 32 bits";
 }
 
 TEST(DmsMessageTest, FlowControlCountsTheSendersMessagesUntilTheyAreFreed) {
-  void* plain = DMS_MsgAlloc(77, 0);
-  void* counted = DMS_MsgFlowCtrlAlloc(77, 2, 0);
-  ASSERT_NE(counted, nullptr);
+  void* all[] = {DMS_MsgAlloc(77, 0), DMS_MsgFlowCtrlAlloc(77, 2, 0), DMS_MsgFlowCtrlAlloc(78, 1, 0)};
+  EXPECT_NE(all[2], nullptr) << "another sender has room of its own";
   EXPECT_EQ(DMS_MsgFlowCtrlAlloc(77, 2, 0), nullptr);
-  void* other = DMS_MsgFlowCtrlAlloc(78, 1, 0);
-  EXPECT_NE(other, nullptr) << "another sender has room of its own";
-  EXPECT_EQ(DMS_MsgFree(77, plain), 0u);
-  void* again = DMS_MsgFlowCtrlAlloc(77, 2, 0);
-  EXPECT_NE(again, nullptr);
-  for (void* message : {counted, other, again}) EXPECT_EQ(DMS_MsgFree(0, message), 0u);
+  EXPECT_EQ(DMS_MsgFree(77, all[0]), 0u);
+  all[0] = DMS_MsgFlowCtrlAlloc(77, 2, 0);
+  for (void* message : all) EXPECT_EQ(DMS_MsgFree(0, message), 0u);
 }
 
 }  // namespace
