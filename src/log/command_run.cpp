@@ -50,7 +50,7 @@ struct ChildPlan {
 struct ChildEnd {
   bool waited;  ///< false: not started, or not waited for
   int status;   ///< as waitpid gives it
-  int error;    ///< errno; after a failed exec, the child's
+  int error;    ///< errno of the fork or the wait; the child's, when it could not start the program
 };
 
 /// Sets the handler of a signal, for the process, while it lives.
@@ -105,9 +105,10 @@ __attribute__((no_sanitize("address", "thread", "undefined"))) void CloseInherit
   for (int fd = kFirstOwnFd; fd <= kLastOwnFd; ++fd) (void)syscall(SYS_close, fd);
 }
 
-/// Returns in the parent only. execvp works on the stack, so that the shared memory stays as it is.
+/// Returns in the parent only. execvp works on the stack, so that the shared memory stays as it is, but for
+/// errno, which the search of the path leaves behind even when it finds the program.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) pid_t StartChild(
-    const ChildPlan& plan, const sigset_t& mask) {
+    const ChildPlan& plan, const sigset_t& mask, volatile int& startError) {
   const pid_t pid = vfork();
   if (pid != 0) return pid;
   // NOLINTNEXTLINE(clang-analyzer-unix.Vfork): raw system calls touch no memory of the parent
@@ -116,14 +117,15 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) pid_t S
     CloseInherited();
     (void)execvp(plan.program, plan.arguments);  // returns only when it failed
   }
+  startError = errno;
   _exit(kExitNotStarted);
 }
 
 ChildEnd RunChild(const ChildPlan& plan, const sigset_t& mask) {
   // A child may raise them before they are ignored; from then on a blocked one would be kept, not dropped.
   std::optional<SignalBlock> untilIgnored(std::in_place, {SIGINT, SIGQUIT});
-  errno = 0;
-  const pid_t pid = StartChild(plan, mask);
+  volatile int startError = 0;  // the child's word
+  const pid_t pid = StartChild(plan, mask, startError);
   if (pid < 0) return {false, 0, errno};
 
   const SignalHandling noInterrupt(SIGINT, SIG_IGN);
@@ -134,7 +136,8 @@ ChildEnd RunChild(const ChildPlan& plan, const sigset_t& mask) {
   do {
     ended = waitpid(pid, &status, 0);
   } while (ended < 0 && errno == EINTR);
-  return {ended == pid, status, errno};
+  if (ended != pid) return {false, 0, errno};
+  return {true, status, startError};
 }
 
 bool HasNothingToRun(const char* command) {
