@@ -153,10 +153,10 @@ TEST_F(BoxTest, SecondFaultMeanwhileWritesItsBlockAloneAndAsksNobodyAgain) {
 }
 
 TEST_F(BoxTest, RegistersTellTheFaultAndWhereItWas) {
+  ASSERT_EQ(Crash("null").status, 128 + 11);
 #ifdef TOLA_EMULATED
   GTEST_SKIP();  // the emulator leaves both of them 0
 #endif
-  ASSERT_EQ(Crash("null").status, 128 + 11);
   EXPECT_THAT(CrashFile(), ContainsRegex("trap_no, Val =  0x0+e;Reg:    err_code"));
   EXPECT_THAT(CrashFile(), ContainsRegex("fault_addr, Val =  0x0+40;\n"));
 }
@@ -209,17 +209,18 @@ TEST_F(BoxTest, LeftoversOfTheLastRun) {
 }
 
 TEST_F(BoxTest, ReportResolvesAFaultInAProgramThatMovedInMemory) {
-#ifdef TOLA_EMULATED
-  GTEST_SKIP();  // the map has the emulator's addresses, not the program's
-#endif
   ASSERT_EQ(Crash("null").status, 128 + 11);
   ASSERT_EQ(Crash("none").status, 0) << "the next start puts the map behind the blocks";
   const CommandResult text = RunCommand({kReport, dir_.File("box.tola")});
   EXPECT_EQ(text.status, 0);
   EXPECT_THAT(text.output,
-              ContainsRegex("^Crasher \\(task 4\\), .*: signal 11, code 1 SEGV_MAPERR\n"
-                            "  #[0-9]+ +0x[0-9a-f]+ .*WriteToNull.* at .*box_crasher.cpp:[0-9]+\n"));
+              ContainsRegex("^Crasher \\(task 4\\), .*: signal 11, code 1 SEGV_MAPERR\n  #[0-9]+ +0x"));
+#ifndef TOLA_EMULATED  // there the map has the emulator's addresses, not the program's
+  EXPECT_THAT(
+      text.output,
+      ContainsRegex("SEGV_MAPERR\n  #[0-9]+ +0x[0-9a-f]+ .*WriteToNull.* at .*box_crasher.cpp:[0-9]+\n"));
   EXPECT_THAT(text.output, ContainsRegex("AwaitSignals.* at .*box_crasher.cpp:[0-9]+\n"));
+#endif
   const CommandResult json = RunCommand({kReport, "--json", dir_.File("box.tola")});
   EXPECT_THAT(json.output, HasSubstr("\"code_name\": \"SEGV_MAPERR\""));
   EXPECT_EQ(RunCommand({kReport, dir_.Write("none", "no block\n")}).status, 1);
