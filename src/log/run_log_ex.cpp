@@ -100,8 +100,8 @@ uint32_t RepeatControl::SwitchOn() {
 }
 
 void RepeatControl::SwitchOff() {
-  // Kept: a record that never came again is summed up too, with a count of 0.
-  for (const RepeatNode* node = list_.First(); node != nullptr; node = node->next)
+  // Kept: a record that never came again is summed up too, with a count of 0. A stopped log writes nothing.
+  for (const RepeatNode* node = IsLogStopped() ? nullptr : list_.First(); node != nullptr; node = node->next)
     WriteSummary(*node, "F Cnt");
   list_ = {};
   while (blocks_ != nullptr) {
