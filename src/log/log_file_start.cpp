@@ -153,7 +153,7 @@ uint32_t OpenFullRecordFile() {
   }
   uint32_t count = 0;
   const ssize_t got = pread(fileno(g_files.fullRecord), &count, sizeof(count), runlog::kCountOffset);
-  g_files.addSize = got == static_cast<ssize_t>(sizeof(count)) ? count : 0;
+  g_files.addSize = got == static_cast<ssize_t>(sizeof(count)) ? std::min(count, g_files.maxSize.load()) : 0;
   return kSuccess;
 }
 
