@@ -63,6 +63,8 @@ void TolaOsMakeMeDaemon() {
   // A reader of standard output that goes away must not end an update. A handler, since commands that are
   // started go back to the default action with it, which they would not from "ignore".
   (void)signal(SIGPIPE, [](int) {});
+  // Who started this process may ignore the ends of its children: ours would then end without a status.
+  (void)signal(SIGCHLD, SIG_DFL);
 }
 
 uint32_t TolaOsInitVelto() {
