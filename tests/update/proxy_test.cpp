@@ -101,6 +101,7 @@ TEST_F(ProxyTest, TheRepliedResultIsReturnedAndAStaleReplyIsNot) {
     EXPECT_EQ(ExeScriptProxy(kRequester, &request_, false, 35), result);
     executor.get();
   }
+  EXPECT_EQ(Logged("late seq:"), 4) << "the result of a request before it was taken for this one's";
   uint32_t events = 0;
   const uint8_t cut[] = {static_cast<uint8_t>(taskId_), 0, 0, 0, 0};
   EXPECT_NE(ProcUpdateExeScriptReplyMsg(cut, sizeof(cut)), 0u);
