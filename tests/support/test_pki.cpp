@@ -7,7 +7,6 @@
 #include <stdlib.h>
 
 #include <algorithm>
-#include <map>
 
 #include "cms/root_ca.h"
 #include "cms/verify_time.h"
@@ -34,139 +33,117 @@ Bytes DerOf(T* object) {
   return bytes;
 }
 
-std::shared_ptr<EVP_PKEY> Own(EVP_PKEY* key) {
+std::shared_ptr<EVP_PKEY> NewKey(KeyKind kind) {
+  Require(cms::InitCrypto(), "libcrypto");
+  EVP_PKEY* key = nullptr;
+  switch (kind) {
+    case KeyKind::kEcP256:
+    case KeyKind::kEcP384:
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", kind == KeyKind::kEcP256 ? "P-256" : "P-384");
+      break;
+    case KeyKind::kRsa1024:
+    case KeyKind::kRsa2048:
+      key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{kind == KeyKind::kRsa1024 ? 1024u : 2048u});
+      break;
+    case KeyKind::kRsaPss2048: {
+      const cms::KeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA_PSS, nullptr));
+      Require(EVP_PKEY_keygen_init(ctx.get()) == 1 && EVP_PKEY_generate(ctx.get(), &key) == 1, "RSA-PSS key");
+    }
+  }
   Require(key != nullptr, "key");
   return {key, EVP_PKEY_free};
 }
 
-std::shared_ptr<EVP_PKEY> MakeKey(KeyKind kind) {
-  Require(cms::InitCrypto(), "libcrypto");
-  switch (kind) {
-    case KeyKind::kEcP256:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
-    case KeyKind::kEcP384:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-384"));
-    case KeyKind::kRsa1024:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{1024}));
-    case KeyKind::kRsa2048:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}));
-    case KeyKind::kRsaPss2048: {
-      cms::KeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA_PSS, nullptr));
-      EVP_PKEY* key = nullptr;
-      Require(EVP_PKEY_keygen_init(ctx.get()) == 1 && EVP_PKEY_generate(ctx.get(), &key) == 1, "RSA-PSS key");
-      return Own(key);
-    }
-    case KeyKind::kSm2:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "SM2"));
-    case KeyKind::kEd25519:
-      return Own(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
-  }
-  return nullptr;
+using TimePtr = base::UniqueC<ASN1_TIME, ASN1_TIME_free>;
+using IntegerPtr = base::UniqueC<ASN1_INTEGER, ASN1_INTEGER_free>;
+
+TimePtr TimeOf(int64_t seconds) {
+  TimePtr time(ASN1_TIME_set(nullptr, static_cast<time_t>(seconds)));
+  Require(time != nullptr, "time");
+  return time;
 }
 
-std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> TimeOf(int64_t seconds) {
-  const time_t time = seconds;
-  tm calendar;
-  char text[32];
-  Require(
-      gmtime_r(&time, &calendar) != nullptr && strftime(text, sizeof(text), "%Y%m%d%H%M%SZ", &calendar) != 0,
-      "time");
-  std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> result(ASN1_TIME_new(), ASN1_TIME_free);
-  Require(ASN1_TIME_set_string_X509(result.get(), text) == 1, "time");
-  return result;
+IntegerPtr IntegerOf(uint64_t value) {
+  IntegerPtr integer(ASN1_INTEGER_new());
+  Require(ASN1_INTEGER_set_uint64(integer.get(), value) == 1, "number");
+  return integer;
 }
 
-const EVP_MD* DigestOf(EVP_PKEY* key, const std::string& name) {
-  if (EVP_PKEY_get_base_id(key) == EVP_PKEY_ED25519) return nullptr;
+const EVP_MD* DigestOf(const std::string& name) {
   const EVP_MD* digest = EVP_get_digestbyname(name.c_str());
   Require(digest != nullptr, "digest");
   return digest;
 }
 
-void AddExtension(X509* cert, X509* issuer, int nid, const std::string& value) {
+/// To a certificate or a list, with that type's own function.
+template <class T>
+void AddExtension(T* object, int (*add)(T*, X509_EXTENSION*, int), X509* issuer, X509* subject, int nid,
+                  const std::string& value) {
   if (value.empty()) return;
   X509V3_CTX ctx;
-  X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str());
-  Require(extension != nullptr && X509_add_ext(cert, extension, -1) == 1, "extension");
-  X509_EXTENSION_free(extension);
-}
-
-uint64_t NextSerial() {
-  static uint64_t serial = 1000;
-  return ++serial;
+  X509V3_set_ctx(&ctx, issuer, subject, nullptr, nullptr, 0);
+  const base::UniqueC<X509_EXTENSION, X509_EXTENSION_free> extension(
+      X509V3_EXT_conf_nid(nullptr, &ctx, nid, value.c_str()));
+  Require(extension != nullptr && add(object, extension.get(), -1) == 1, "extension");
 }
 
 /// `issuer` is null for a self-signed certificate.
 std::shared_ptr<X509> MakeCert(const CertSpec& spec, EVP_PKEY* key, const Identity* issuer) {
+  static uint64_t serial = 1000;
   std::shared_ptr<X509> owned(X509_new(), X509_free);
   X509* cert = owned.get();
   X509* issuerCert = issuer == nullptr ? cert : issuer->cert.get();
-  EVP_PKEY* issuerKey = issuer == nullptr ? key : issuer->key.get();
   X509_NAME* name = X509_get_subject_name(cert);
-  bool good =
+  Require(
       X509_set_version(cert, X509_VERSION_3) == 1 &&
-      ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert), NextSerial()) == 1 &&
-      X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                                 reinterpret_cast<const uint8_t*>(spec.name.c_str()), -1, -1, 0) == 1 &&
-      X509_set_issuer_name(cert, X509_get_subject_name(issuerCert)) == 1 && X509_set_pubkey(cert, key) == 1;
-  const auto from = TimeOf(spec.notBefore.value_or(Now() - kDay));
-  const auto to = TimeOf(spec.notAfter.value_or(Now() + 365 * kDay));
-  good = good && X509_set1_notBefore(cert, from.get()) == 1 && X509_set1_notAfter(cert, to.get()) == 1;
-  Require(good, "certificate");
+          X509_set_serialNumber(cert, IntegerOf(++serial).get()) == 1 &&
+          X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                     reinterpret_cast<const uint8_t*>(spec.name.c_str()), -1, -1, 0) == 1 &&
+          X509_set_issuer_name(cert, X509_get_subject_name(issuerCert)) == 1 &&
+          X509_set_pubkey(cert, key) == 1 &&
+          X509_set1_notBefore(cert, TimeOf(spec.notBefore.value_or(Now() - kDay)).get()) == 1 &&
+          X509_set1_notAfter(cert, TimeOf(spec.notAfter.value_or(Now() + 365 * kDay)).get()) == 1,
+      "certificate");
 
   std::string constraints = spec.isCa ? "critical,CA:TRUE" : "critical,CA:FALSE";
   if (spec.pathLength) constraints += ",pathlen:" + std::to_string(*spec.pathLength);
-  AddExtension(cert, issuerCert, NID_basic_constraints, constraints);
-  AddExtension(
-      cert, issuerCert, NID_key_usage,
-      spec.keyUsage.value_or(spec.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature"));
-  AddExtension(cert, issuerCert, NID_ext_key_usage,
-               spec.extendedKeyUsage.value_or(spec.isCa ? "" : "codeSigning"));
-  AddExtension(cert, issuerCert, NID_subject_key_identifier, "hash");
-  AddExtension(cert, issuerCert, NID_authority_key_identifier, "keyid:always");
-  Require(X509_sign(cert, issuerKey, DigestOf(issuerKey, spec.digest)) > 0, "certificate signature");
+  const char* usage = spec.isCa ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature";
+  const std::pair<int, std::string> extensions[] = {
+      {NID_basic_constraints, constraints},
+      {NID_key_usage, spec.keyUsage.value_or(usage)},
+      {NID_ext_key_usage, spec.extendedKeyUsage.value_or(spec.isCa ? "" : "codeSigning")},
+      {NID_subject_key_identifier, "hash"},
+      {NID_authority_key_identifier, "keyid:always"}};
+  for (const auto& [nid, value] : extensions) AddExtension(cert, X509_add_ext, issuerCert, cert, nid, value);
+  EVP_PKEY* issuerKey = issuer == nullptr ? key : issuer->key.get();
+  Require(X509_sign(cert, issuerKey, DigestOf(spec.digest)) > 0, "certificate signature");
   return owned;
 }
 
 Identity Issue(const CertSpec& spec, const Identity* issuer) {
-  Identity made;
-  made.key = NewKey(spec.keyKind, spec.reuseKey);
-  made.cert = MakeCert(spec, made.key.get(), issuer);
-  return made;
+  const std::shared_ptr<EVP_PKEY> key = NewKey(spec.keyKind);
+  return {MakeCert(spec, key.get(), issuer), key};
 }
 
-void AddCrlInteger(X509_CRL* crl, int nid, int64_t value, bool critical) {
-  ASN1_INTEGER* number = ASN1_INTEGER_new();
-  Require(ASN1_INTEGER_set_int64(number, value) == 1 &&
-              X509_CRL_add1_ext_i2d(crl, nid, number, critical ? 1 : 0, 0) == 1,
-          "list number");
-  ASN1_INTEGER_free(number);
+void AddCrlNumber(X509_CRL* crl, int nid, const std::optional<int64_t>& value, bool isCritical) {
+  if (!value) return;
+  const IntegerPtr number = IntegerOf(static_cast<uint64_t>(*value));
+  Require(X509_CRL_add1_ext_i2d(crl, nid, number.get(), isCritical ? 1 : 0, 0) == 1, "list number");
 }
 
-void AddRevoked(X509_CRL* crl, uint64_t serial, const ASN1_TIME* when) {
-  X509_REVOKED* revoked = X509_REVOKED_new();
-  ASN1_INTEGER* number = ASN1_INTEGER_new();
-  Require(ASN1_INTEGER_set_uint64(number, serial) == 1 &&
-              X509_REVOKED_set_serialNumber(revoked, number) == 1 &&
-              X509_REVOKED_set_revocationDate(revoked, const_cast<ASN1_TIME*>(when)) == 1 &&
-              X509_CRL_add0_revoked(crl, revoked) == 1,
+void AddRevoked(X509_CRL* crl, uint64_t serial, ASN1_TIME* when) {
+  base::UniqueC<X509_REVOKED, X509_REVOKED_free> revoked(X509_REVOKED_new());
+  Require(X509_REVOKED_set_serialNumber(revoked.get(), IntegerOf(serial).get()) == 1 &&
+              X509_REVOKED_set_revocationDate(revoked.get(), when) == 1 &&
+              X509_CRL_add0_revoked(crl, revoked.get()) == 1,
           "revoked entry");
-  ASN1_INTEGER_free(number);
+  (void)revoked.release();  // the list's now
 }
 
 }  // namespace
 
 int64_t Now() {
   return cms::CurrentVerifyTime().now;
-}
-
-std::shared_ptr<EVP_PKEY> NewKey(KeyKind kind, const std::string& reuse) {
-  if (reuse.empty()) return MakeKey(kind);
-  static std::map<std::string, std::shared_ptr<EVP_PKEY>> made;
-  std::shared_ptr<EVP_PKEY>& key = made[reuse];
-  if (!key) key = MakeKey(kind);
-  return key;
 }
 
 Bytes Identity::Der() const {
@@ -204,25 +181,19 @@ Bytes MakeCrl(const Identity& issuer, const CrlSpec& spec) {
   const cms::CrlPtr crl(X509_CRL_new());
   const auto from = TimeOf(spec.thisUpdate.value_or(Now() - 3600));
   const int64_t next = spec.nextUpdate.value_or(Now() + 30 * kDay);
-  bool good = X509_CRL_set_version(crl.get(), X509_CRL_VERSION_2) == 1 &&
+  Require(X509_CRL_set_version(crl.get(), X509_CRL_VERSION_2) == 1 &&
               X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(issuer.cert.get())) == 1 &&
-              X509_CRL_set1_lastUpdate(crl.get(), from.get()) == 1;
-  if (next != 0) good = good && X509_CRL_set1_nextUpdate(crl.get(), TimeOf(next).get()) == 1;
-  Require(good, "revocation list");
+              X509_CRL_set1_lastUpdate(crl.get(), from.get()) == 1 &&
+              (next == 0 || X509_CRL_set1_nextUpdate(crl.get(), TimeOf(next).get()) == 1),
+          "revocation list");
   for (const uint64_t serial : spec.revoked) AddRevoked(crl.get(), serial, from.get());
-  if (spec.number) AddCrlInteger(crl.get(), NID_crl_number, *spec.number, false);
-  if (spec.deltaBase) AddCrlInteger(crl.get(), NID_delta_crl, *spec.deltaBase, true);
-  if (spec.keyId) {
-    X509V3_CTX ctx;
-    X509V3_set_ctx(&ctx, issuer.cert.get(), nullptr, nullptr, crl.get(), 0);
-    X509_EXTENSION* extension =
-        X509V3_EXT_conf_nid(nullptr, &ctx, NID_authority_key_identifier, "keyid:always");
-    Require(extension != nullptr && X509_CRL_add_ext(crl.get(), extension, -1) == 1, "key identifier");
-    X509_EXTENSION_free(extension);
-  }
-  EVP_PKEY* key = issuer.key.get();
-  Require(X509_CRL_sort(crl.get()) == 1 && X509_CRL_sign(crl.get(), key, DigestOf(key, spec.digest)) > 0,
-          "revocation list signature");
+  AddCrlNumber(crl.get(), NID_crl_number, spec.number, false);
+  AddCrlNumber(crl.get(), NID_delta_crl, spec.deltaBase, true);
+  AddExtension(crl.get(), X509_CRL_add_ext, issuer.cert.get(), static_cast<X509*>(nullptr),
+               NID_authority_key_identifier, spec.keyId ? "keyid:always" : "");
+  Require(
+      X509_CRL_sort(crl.get()) == 1 && X509_CRL_sign(crl.get(), issuer.key.get(), DigestOf(spec.digest)) > 0,
+      "revocation list signature");
   return DerOf<X509_CRL, i2d_X509_CRL>(crl.get());
 }
 
@@ -239,7 +210,7 @@ Bytes Sign(std::string_view content, const SignSpec& spec) {
     if (signer.useKeyId) signerFlags |= CMS_USE_KEYID;
     if (signer.pss) signerFlags |= CMS_KEY_PARAM;
     CMS_SignerInfo* info = CMS_add1_signer(cms.get(), signer.identity->cert.get(), signer.identity->key.get(),
-                                           EVP_get_digestbyname(signer.digest.c_str()), signerFlags);
+                                           DigestOf(signer.digest), signerFlags);
     Require(info != nullptr, "signer");
     if (signer.pss) {
       Require(EVP_PKEY_CTX_set_rsa_padding(CMS_SignerInfo_get0_pkey_ctx(info), RSA_PKCS1_PSS_PADDING) == 1,

@@ -25,10 +25,7 @@ inline constexpr int64_t kDay = 86400;
 /// The time by which the engine judges right now; default validities lie around it.
 int64_t Now();
 
-enum class KeyKind { kEcP256, kEcP384, kRsa1024, kRsa2048, kRsaPss2048, kSm2, kEd25519 };
-
-/// A new key; RSA keys are slow to make, so `reuse` names one that the program makes once.
-std::shared_ptr<EVP_PKEY> NewKey(KeyKind kind, const std::string& reuse = "");
+enum class KeyKind { kEcP256, kEcP384, kRsa1024, kRsa2048, kRsaPss2048 };
 
 struct CertSpec {
   std::string name = "signer";  ///< common name
@@ -40,7 +37,6 @@ struct CertSpec {
   std::optional<int64_t> notBefore = {};  ///< default: a day before Now()
   std::optional<int64_t> notAfter = {};   ///< default: a year after Now()
   KeyKind keyKind = KeyKind::kEcP256;
-  std::string reuseKey = {};           ///< see NewKey
   std::string digest = "SHA256";       ///< of the issuer's signature
   std::optional<int> pathLength = {};  ///< of a CA
 };

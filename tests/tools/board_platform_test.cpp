@@ -17,6 +17,7 @@
 #include "board_main/map_command.h"
 #include "board_main/process_control.h"
 #include "board_main/registry.h"
+#include "board_main/status_report.h"
 #include "board_main/supervisor.h"
 #include "msg/msg_interface_public.h"
 #include "support/temp_dir.h"
@@ -400,6 +401,14 @@ TEST(ProcessControl, ProcessIsKnownEndedAndStartedAgainAsWhoeverRanItWithItsArgu
   EXPECT_NE(getsid(again), getsid(0)) << "it would end with the main process's terminal";
   SignalProcess(second, SIGKILL);
   EXPECT_EQ(waitpid(again, nullptr, 0), again);
+}
+
+TEST(StatusReport, IdsStandInRangesAndNamesCannotBreakTheObject) {
+  EXPECT_EQ(IdRanges({5, 6, 7, 9, 1056}), "5-7 9 1056");
+  PlatformStatus status;
+  status.apps.resize(1);
+  status.apps[0].app.name = "a\"b\\";
+  EXPECT_THAT(StatusJson(status), HasSubstr("\"name\":\"a\\\"b\\\\\","));
 }
 
 }  // namespace
