@@ -370,6 +370,7 @@ TEST(MapCommand, AppendsTheMapAndFollowsNoLink) {
 ProcessImage Asleep(pid_t pid) {
   ProcessImage image;
   while (!ReadProcessImage(pid, image) || image.arguments[0] != "sleep") (void)usleep(1000);
+  EXPECT_TRUE(ReadProcessImage(pid, image));  // again: the first one may be half of before it
   return image;
 }
 
@@ -388,10 +389,12 @@ TEST(ProcessControl, ProcessIsKnownEndedAndStartedAgainAsWhoeverRanItWithItsArgu
   ProcessImage stranger = image;
   ++stranger.startTicks;
   SignalProcess(stranger, SIGKILL);
-  EXPECT_TRUE(ProcessIsAlive(image)) << "a later process of the same id was taken for the one that is meant";
-  SignalProcess(image, SIGKILL);
+  SignalProcess(image, SIGTERM);
   while (ProcessIsAlive(image)) (void)usleep(1000);  // it waits for its parent, and counts as gone
-  ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(WTERMSIG(status), SIGTERM)
+      << "a later process of the same id was taken for the one that is meant";
 
   const pid_t again = StartProcess(image);
   const ProcessImage second = Asleep(again);
