@@ -6,4 +6,8 @@ if [ ! -x "$daemon" ]; then
   echo "update_common: $daemon is missing or not executable" >&2
   exit 1
 fi
-exec "$daemon" </dev/null >>/log/update_active.out 2>&1
+out=/log/update_active.out
+if [ -f "$out" ] && [ "$(wc -c <"$out")" -gt 1048576 ]; then
+  mv -f "$out" "$out.1" # it grows with every start and every record
+fi
+exec "$daemon" </dev/null >>"$out" 2>&1
