@@ -159,7 +159,7 @@ void CHashTable::ClearHashTable() {
     while (link.node != nullptr) cfg::Free(shared_, std::exchange(link, link.node->next).node);
   }
   if (!bucketsInArena_) cfg::Free(shared_, buckets_);
-  if (arena_ != nullptr) (void)arena_->ClearRegMemBlock(&arenaKey_);  // unknown: nothing was carved
+  if (arena_ != nullptr) (void)arena_->ClearRegMemBlock(&arenaKey_);  // unknown: never used with this length
   arena_ = nullptr;
   buckets_ = nullptr;
   bucketsInArena_ = false;

@@ -96,7 +96,8 @@ class CHashTable {
 
   /// Gives all nodes and buckets back; the table can be initialised again. The node count stays until then.
   /// With an arena everything of the key's identity goes (CMemBlockManage::ClearRegMemBlock), other tables'
-  /// memory included, and the arena is forgotten.
+  /// memory included, and the arena is forgotten. What it gave before ResetMemBlockMaxLen named a length that
+  /// was not used since stays with the arena.
   void ClearHashTable();
 
  private:
