@@ -83,6 +83,14 @@ TEST_F(RunLogRepeatTest, ThirtyFirstRecordPushesOutTheOldestAndTheEndAllOthers) 
   ASSERT_THAT(lines, SizeIs(32)) << "a count of 0 is told at the end";
   EXPECT_EQ(lines[0], "F Cnt:0x0,3 2024-03-05 14:02:07");
   EXPECT_EQ(lines[29], "F Cnt:0x1,32 2024-03-05 14:02:07");
+
+  Set<uint8_t>(kLogRepeatEnable, 1);
+  Log({"first", "first"});
+  log.Clear();
+  StopLogPrint();
+  Set<uint8_t>(kLogRepeatEnable, 0);
+  RestartLogPrint();
+  EXPECT_THAT(log.Lines(), IsEmpty()) << "the files were to be left alone";
 }
 
 TEST_F(RunLogRepeatTest, QueueLengthAndTimeAreSettings) {
