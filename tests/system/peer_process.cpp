@@ -2,7 +2,7 @@
 /// task that exchanges messages with its twin and compares every byte of them.
 ///
 /// Files in /run steer it: "exchange" starts the exchange, "exchange.stop" ends it, "<name>.stick" stops the
-/// task's heart beat, "<name>.map" asks for its memory map. How it stands
+/// task's heart beat, "<name>.fill" uses up the memory, "<name>.map" asks for its memory map. How it stands
 /// is one line in "/log/<name>.result".
 
 #include <stdio.h>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "fault/box.h"
+#include "fault/feature_fault_manager.h"
 #include "frame/feature_identity.h"
 #include "frame/feature_process.h"
 #include "log/run_log.h"
@@ -32,6 +33,7 @@ constexpr uint32_t kEventMsg = 1;
 constexpr uint32_t kQueueLength = 64;
 constexpr uint32_t kTurnMs = 20;
 constexpr uint16_t kHeartBeatS = 60;
+constexpr uint16_t kMemoryPercent = 90;
 
 // Message types; the sub-type is a number of the sender's.
 constexpr uint16_t kData = 0x5001;
@@ -111,6 +113,13 @@ void Exchange::SendMore() {
 
 void Exchange::ObeyFiles() const {
   const std::string own = std::string("/run/") + kName;
+  if (unlink((own + ".fill").c_str()) == 0) {
+    uint32_t handle = 0;
+    if (KEL_HandleInitialize("fill", &handle) != 0) _exit(1);
+    while (KEL_MemGetFreeSize() > KEL_MemGetTotalSize() / 20) {
+      if (KEL_MEM_ALLOC(handle, 1024 * 1024) == nullptr) break;  // is never given back
+    }
+  }
   if (unlink((own + ".map").c_str()) == 0) {  // as its box does when it may not read the map itself
     const std::string command =
         "cat /proc/" + std::to_string(getpid()) + "/maps >> /log/root_log/" + kName + ".map.tmp";
@@ -158,6 +167,8 @@ void RunTask(uintptr_t, uintptr_t, uintptr_t, uintptr_t) {
 }
 
 uint32_t StartTask(TOLA_COMP_REG_BLOCK_S* /*no components*/) {
+  const uint32_t result = TOLA_CfgProcessMemThreshold(kMemoryPercent, kName);
+  if (result != 0) return result;
   uint32_t taskId = 0;
   return KEL_TaskCreate("PEER", &taskId, RunTask, 20, 0, 0, nullptr);
 }

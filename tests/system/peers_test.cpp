@@ -1,4 +1,5 @@
-/// Two more processes of the frame on a board: what they exchange, and what becomes of one that is stuck.
+/// Two more processes of the frame on a board: what they exchange, and what becomes of one that is stuck or
+/// out of memory.
 
 #include <gmock/gmock.h>
 
@@ -25,6 +26,16 @@ class PeersTest : public testing::Test {
   bool IsUp(const std::string& name) const {
     return board_.Comes("grep -q 'AfterComp, ret=0$' /mnt/sub_bin/sys_log/" + name + "_run_log.log");
   }
+  void StartPeers() const {
+    for (const std::string name : {"peer_one", "peer_two"}) {
+      board_.Shell("/app_run/app_bin/" + name + " >/log/" + name + ".out 2>&1");
+      EXPECT_TRUE(IsUp(name)) << board_.Read("/log/" + name + ".out") << board_.RunLog(name);
+    }
+  }
+  /// Moves the clock of peer_one on, second by second, until `condition` holds.
+  bool PassSecondsUntil(const std::string& condition) const {
+    return board_.Comes(condition, "echo 1000 1<>/run/peer_one.clock");
+  }
   /// Waits until ten more messages of each, that is each size twice, are answered.
   bool MoreIsAnswered() const {
     bool comes = true;
@@ -41,10 +52,7 @@ class PeersTest : public testing::Test {
 };
 
 TEST_F(PeersTest, ExchangeEveryByteWhileTheMainProcessRestarts) {
-  for (const std::string name : {"peer_one", "peer_two"}) {
-    board_.Shell("/app_run/app_bin/" + name + " >/log/" + name + ".out 2>&1");
-    EXPECT_TRUE(IsUp(name)) << board_.Read("/log/" + name + ".out") << board_.RunLog(name);
-  }
+  StartPeers();
   board_.Shell(": >/run/exchange");
   for (int restart = 0; restart < 3; ++restart) {
     EXPECT_TRUE(MoreIsAnswered()) << "before restart " << restart;
@@ -71,11 +79,22 @@ TEST_F(PeersTest, StuckTaskEndsItsProcessWithStatus17) {
       "2>/log/none &");
   ASSERT_TRUE(IsUp("peer_one"));
   board_.Shell(": >/run/peer_one.stick");
-  EXPECT_TRUE(board_.Comes("grep -q 'ended 17' /log/status", "echo 1000 1<>/run/peer_one.clock"))
-      << board_.Read("/log/status");
+  EXPECT_TRUE(PassSecondsUntil("grep -q 'ended 17' /log/status")) << board_.Read("/log/status");
   EXPECT_THAT(board_.RunLog("peer_one"), HasSubstr("task: PEER("));
   EXPECT_THAT(board_.Read("/log/root_log/fault_manager_except_sys_info_peer_one.tola.tmp"),
               HasSubstr("Exception Task        : PEER("));
+}
+
+TEST_F(PeersTest, ProcessThatUsesUpItsMemoryIsStartedAgainByTheMainProcess) {
+  StartPeers();
+  const std::string before = board_.PidOf("peer_one"), other = board_.PidOf("peer_two");
+  board_.Shell(": >/run/peer_one.fill; while [ -e /run/peer_one.fill ]; do sleep 0.01; done");
+  EXPECT_TRUE(PassSecondsUntil("grep -q 'Mem Threshold Over' /mnt/sub_bin/sys_log/peer_one_run_log.log"))
+      << board_.RunLog("peer_one");
+  EXPECT_TRUE(board_.Comes("p=$(pidof peer_one) && [ $p != " + before + " ]"))
+      << board_.Read("/log/board_main.log");
+  EXPECT_EQ(board_.PidOf("peer_two"), other) << "the wrong process was restarted";
+  EXPECT_TRUE(board_.Comes("update_request --status | grep -q peer_one")) << "it did not come back";
 }
 
 }  // namespace

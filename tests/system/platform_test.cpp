@@ -64,6 +64,20 @@ TEST_F(PlatformTest, UpdateWithoutASignatureRunsOnlyWhenItIsAuthorisedInTime) {
   EXPECT_EQ(board_.Read("/mnt/ran"), "ran\nran\nran\n");
 }
 
+TEST_F(PlatformTest, FaultAgentAnswersDebugRequestsAndRegistersAgain) {
+  const auto debug = [&](const std::string& words) {
+    return board_.Exec({"update_request", "--debug", "update_active:" + words}).output;
+  };
+  EXPECT_EQ(debug("1,4096,1"), "the fault agent's result is 0\n");
+  EXPECT_EQ(Ask("--authorise"), 0);
+  EXPECT_THAT(board_.RunLog(), HasSubstr(" DBG M4096 ")) << "the level that was asked for";
+  EXPECT_EQ(debug("7"), "the fault agent's result is 1\n");
+  const std::string log = "/mnt/sub_bin/sys_log/board_main_run_log.log";
+  board_.Shell("grep -c 'fault agent 1056' " + log + " >/tmp/before");
+  EXPECT_EQ(board_.Exec({"update_request", "--register-again", "update_active"}).status, 0);
+  EXPECT_TRUE(board_.Comes("[ $(grep -c 'fault agent 1056' " + log + ") -gt $(cat /tmp/before) ]"));
+}
+
 TEST_F(PlatformTest, ProcessesAreKnownAgainAfterTheMainProcessAndAreKeptRunning) {
   const std::string first = board_.PidOf("update_active");
   board_.EndMain();
