@@ -116,7 +116,7 @@ TEST_F(CompManagerTest, InitRefusesWhatIsNoProcess) {
   TOLA_COMP_DST_PROC_S local = Process(0, {1401});
   EXPECT_EQ(TolaCompInit(&local, 0, nullptr), 1u);
   EXPECT_EQ(TolaCompInit(&local, 2, nullptr), 1u);
-  EXPECT_THAT(log_.Lines(), ElementsAre("invalid procId(0)", "dstNum[2] but dstProc is null"));
+  EXPECT_THAT(log_.Lines(), testing::IsSupersetOf({"invalid procId(0)", "dstNum[2] but dstProc is null"}));
   local.procId = kProcId;
   memset(local.ip, '1', sizeof(local.ip));
   EXPECT_EQ(TolaCompInit(&local, 0, nullptr), 1u) << "an address without end was read";
