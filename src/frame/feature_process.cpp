@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -51,6 +52,21 @@ void KeepStandardDescriptorsOpen() {
   }
 }
 
+/// What the starter blocks, ignores or lets others write is its own affair. Inherited it would make a process
+/// that no signal ends, a crash without a record, commands without a status, folders that everybody may
+/// change.
+void DropInheritedSettings() {
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action = {};
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+      (void)signal(number, SIG_DFL);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+  (void)umask(umask(0) | S_IWGRP | S_IWOTH);
+}
+
 }  // namespace
 
 void TolaOsMakeMeDaemon() {
@@ -60,11 +76,10 @@ void TolaOsMakeMeDaemon() {
   if (chdir("/tmp") != 0) perror("chdir /tmp");
   for (int fd = kFirstInheritedFd; fd <= kLastInheritedFd; ++fd) (void)close(fd);  // most are not open
   KeepStandardDescriptorsOpen();
+  DropInheritedSettings();
   // A reader of standard output that goes away must not end an update. A handler, since commands that are
   // started go back to the default action with it, which they would not from "ignore".
   (void)signal(SIGPIPE, [](int) {});
-  // Who started this process may ignore the ends of its children: ours would then end without a status.
-  (void)signal(SIGCHLD, SIG_DFL);
 }
 
 uint32_t TolaOsInitVelto() {

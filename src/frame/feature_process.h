@@ -16,7 +16,8 @@ extern std::atomic<uint8_t> g_isfeatureProcessExit;
 [[nodiscard]] uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName);
 
 /// Detaches from the terminal: the caller goes on in a grandchild in "/tmp" that holds descriptors 0 to 2
-/// alone, each of them open, and that survives a broken pipe.
+/// alone, each of them open, and that survives a broken pipe. It neither blocks nor ignores a signal that the
+/// starter did, and what it makes is nobody else's to write.
 void TolaOsMakeMeDaemon();
 
 /// Starts the runtime with the configuration that the process's XML file names, else with the default one.

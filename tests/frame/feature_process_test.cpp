@@ -38,7 +38,11 @@ TEST(AppEnv, TakesTheDirectoryByLengthAlone) {
   (void)dup2(report, STDERR_FILENO);
   (void)close(STDIN_FILENO);
   (void)close(STDOUT_FILENO);
+  sigset_t signals;
+  sigfillset(&signals);
+  (void)sigprocmask(SIG_BLOCK, &signals, nullptr);
   (void)signal(SIGCHLD, SIG_IGN);
+  (void)umask(0);
   TolaOsMakeMeDaemon();
   std::string seen;
   for (int fd = 0; fd < 10; ++fd) seen += fcntl(fd, F_GETFD) != -1 ? 'o' : '-';
@@ -47,7 +51,9 @@ TEST(AppEnv, TakesTheDirectoryByLengthAlone) {
   seen += getcwd(directory, sizeof(directory)) != nullptr ? std::string(" in ") + directory : " nowhere";
   (void)raise(SIGPIPE);
   seen += " alive";
-  if (signal(SIGCHLD, SIG_DFL) == SIG_IGN) seen += " deaf to its children";
+  (void)sigprocmask(SIG_BLOCK, nullptr, &signals);
+  seen += sigismember(&signals, SIGTERM) == 1 || signal(SIGCHLD, SIG_DFL) == SIG_IGN ? " deaf" : " hears";
+  seen += umask(0) == 022 ? " private" : " open";
   _exit(write(STDERR_FILENO, seen.data(), seen.size()) > 0 ? 0 : 1);
 }
 
@@ -64,7 +70,7 @@ TEST(Daemon, HoldsThreeDescriptorsAndOutlivesABrokenPipe) {
   EXPECT_EQ(status, 0) << "whoever starts the daemon sees 0";
   char seen[64] = {};  // one write, so one read; it ends when the daemon does
   EXPECT_GT(read(reader.get(), seen, sizeof(seen) - 1), 0);
-  EXPECT_STREQ(seen, "ooo------- not a leader in /tmp alive");
+  EXPECT_STREQ(seen, "ooo------- not a leader in /tmp alive hears private");
 }
 
 TEST(UnSamePid, TakesTheFirstThatIsNeitherZeroNorOwn) {
