@@ -66,6 +66,7 @@ uint32_t CIpcManager::Build() {
   uint32_t ret = IpcEndpointOpen(info_.name, &endpoint_);
   if (ret != 0) return ret;
   mainQueueId_.store(endpoint_.mainQueueId, std::memory_order_relaxed);
+  publicSemapId_.store(endpoint_.publicSemapId, std::memory_order_relaxed);
   reader_ = IpcQueueReader(endpoint_.queueId);
   reassembly_.SetMemHandle(memHandle);
   ret = classes_.Init(memHandle);

@@ -84,8 +84,9 @@ class CIpcManager {
   TOLA_APP_REG_INFO_S info_ = {};
   uint16_t moduleId_ = 0;
   uint32_t pid_ = 0;
-  IpcEndpoint endpoint_;                  ///< but for the main queue written before other threads run
-  std::atomic<int32_t> mainQueueId_{-1};  ///< may be opened again
+  IpcEndpoint endpoint_;  ///< written before other threads run; what is the main process's stands below
+  std::atomic<int32_t> mainQueueId_{-1};  ///< may be opened again, as may the next
+  std::atomic<int32_t> publicSemapId_{kSemapNone};
   IpcClassTable classes_;
   IpcRegistry registry_;
   std::atomic<uint16_t> sequence_{0};

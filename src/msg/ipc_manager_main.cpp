@@ -47,7 +47,8 @@ bool MayBeUnread(const IpcQueueState& state, int64_t sentAt) {
 }  // namespace
 
 IpcTarget CIpcManager::MainTarget() const {
-  return {mainQueueId_.load(std::memory_order_relaxed), endpoint_.publicSemapId, registry_.mainPid()};
+  return {mainQueueId_.load(std::memory_order_relaxed), publicSemapId_.load(std::memory_order_relaxed),
+          registry_.mainPid()};
 }
 
 uint32_t CIpcManager::SendToMain(uint16_t type, const void* data, uint32_t length, IpcWait wait) {
@@ -111,6 +112,10 @@ void CIpcManager::WatchMain() {
     int32_t again = -1;
     if (IpcMainQueueOpen(&again) == 0) mainQueueId_.store(again, std::memory_order_relaxed);
     registry_.ForgetMain();
+  }
+  if (!SemapIsOurs(publicSemapId_.load(std::memory_order_relaxed))) {  // removed: each raise would fail
+    int32_t again = kSemapNone;
+    if (CreateSemap(kSemapPublicKey, &again) == 0) publicSemapId_.store(again, std::memory_order_relaxed);
   }
   const uint32_t mainPid = registry_.mainPid();
   const bool other = state.reader != 0 && state.reader != mainPid;  // a new one reads already

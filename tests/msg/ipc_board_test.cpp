@@ -269,6 +269,16 @@ TEST_F(IpcManagerTest, D_ForgedSourcesAndRestartRequests) {
   EXPECT_EQ(asked(), "program");
 }
 
+TEST_F(IpcManagerTest, D_PublicSemaphoreThatWasRemovedIsRaisedAgain) {
+  int32_t id = kSemapNone;
+  ASSERT_EQ(CreateSemap(kSemapPublicKey, &id), 0u);
+  ASSERT_EQ(DeleteSemap(id), 0u);
+  EXPECT_TRUE(Eventually([&id] {
+    (void)s_main->Next();  // room for the next heart beat
+    return CreateSemap(kSemapPublicKey, &id) == 0 && GetSemapVal(id) > 0;
+  }));
+}
+
 TEST_F(IpcManagerTest, E_RegistersAgainWithAMainProcessThatTookOver) {
   while (s_main->Next() != nullptr) continue;
   InAChild([] {  // the new main process reads once, and ends
