@@ -39,9 +39,10 @@ bool ReadsQueue(int32_t queueId, uint32_t pid) {
   return IpcQueueStateGet(queueId, &state) == 0 && state.reader == pid;
 }
 
-/// Whether what was sent at `sentAt` may still lie in the queue unread.
+/// Whether what was sent at `sentAt` may still lie in the queue unread. After the wall clock was set back
+/// that moment is yet to come, and says nothing.
 bool MayBeUnread(const IpcQueueState& state, int64_t sentAt) {
-  return state.messages != 0 && state.readAt <= sentAt;
+  return state.messages != 0 && state.readAt <= sentAt && sentAt <= QueueSecond();
 }
 
 }  // namespace
