@@ -143,6 +143,7 @@ uint32_t CIpcManager::HandleInner(const tagMsgBuf* msg, uint32_t sourcePid) {
     if (length != sizeof(acknowledge)) return kFailure;
     if (memcpy_s(&acknowledge, sizeof(acknowledge), data, length) != EOK) return kErrCopy;
     if (acknowledge.mainPid != sourcePid || !ReadsQueue(mainQueueId_, sourcePid)) return kFailure;
+    if (acknowledge.result != 0) LOG_ERR(kLogModule, "registration refused:%u", acknowledge.result);
     return registry_.TakeAcknowledge(acknowledge);
   }
   if (msg->type == kIpcReboot) {  // the main process wants this one to ask for its own restart
