@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <iterator>
+#include <set>
 #include <utility>
 
 #include "msg/msg_interface_public.h"
@@ -18,6 +19,10 @@ bool IsFirst(const IPC_MSG_S& frame) {
 bool IsLast(const IPC_MSG_S& frame) {
   return (frame.number & kIpcLastFrame) != 0;
 }
+/// What the frames of a message have in common.
+std::pair<uint32_t, uint16_t> KeyOf(const IPC_MSG_S& frame) {
+  return {frame.sourcePid, frame.sequence};
+}
 
 }  // namespace
 
@@ -27,7 +32,7 @@ FrameRouter::FrameRouter(const Registry& registry, SendFunc send, LossFunc loss,
 Verdict FrameRouter::Take(const IPC_MSG_S& frame, uint32_t size, uint64_t nowMs) {
   if (size < kIpcFrameHead || size != frame.length + kIpcFrameHead)
     return Lose(frame, 0, 1, "its length is not its size");
-  const Key key = {frame.sourcePid, frame.sequence};
+  const Key key = KeyOf(frame);
   if (!IsFirst(frame)) {
     const auto found = routes_.find(key);
     if (found == routes_.end()) return Lose(frame, 0, 1, "its first frame did not come");
@@ -83,7 +88,7 @@ bool FrameRouter::Keep(const IPC_MSG_S& frame, const Route& route, uint64_t nowM
   Lane& lane = lanes_[route.target];
   if (lane.frames.size() >= limits_.laneFrames) return false;
   if (lane.frames.empty()) lane.progressMs = nowMs;
-  lane.frames.push_back({frame, route.destination});
+  lane.frames.push_back({frame, route.destination, nowMs});
   ++kept_;
   return true;
 }
@@ -94,28 +99,38 @@ void FrameRouter::Retry(uint64_t nowMs) {
     const RegisteredApp* app =
         target.kind == Target::kModule ? registry_.FindByModule(static_cast<uint16_t>(target.id)) : nullptr;
     if (app != nullptr) {
-      Adopt(target, app->queue.pid);
+      Adopt(target, app->queue.pid, nowMs);
       lane = lanes_.begin();  // the process's lane may stand before this one
       continue;
     }
-    const char* why = target.kind == Target::kProcess ? Drain(target, lane->second, nowMs) : nullptr;
-    if (why == nullptr && !lane->second.frames.empty() && nowMs - lane->second.progressMs >= limits_.waitMs)
-      why = target.kind == Target::kProcess ? "its process does not read" : kNoProcess;
-    if (why != nullptr) DropLane(target, lane->second, why);
+    if (target.kind == Target::kModule) {
+      DropOld(target, lane->second, nowMs);
+    } else if (const char* why = Drain(target, lane->second, nowMs)) {
+      DropLane(target, lane->second, why);
+    } else if (!lane->second.frames.empty() && nowMs - lane->second.progressMs >= limits_.waitMs) {
+      DropLane(target, lane->second, "its process does not read");
+    }
     lane = lane->second.frames.empty() ? lanes_.erase(lane) : std::next(lane);
   }
   std::erase_if(routes_, [&](const auto& each) { return nowMs - each.second.lastMs >= limits_.waitMs; });
 }
 
-/// A module's frames go on behind those that wait for its process already.
-void FrameRouter::Adopt(Target module, uint32_t pid) {
+/// A module's frames go on behind those that wait for its process already. A process skips what comes from
+/// itself: what it sent before it had the module is lost, which is to be seen.
+void FrameRouter::Adopt(Target module, uint32_t pid, uint64_t nowMs) {
   const Target process = {Target::kProcess, pid};
-  auto waiting = lanes_.extract(module);
-  Lane& lane = lanes_[process];
-  if (lane.frames.empty()) lane.progressMs = waiting.mapped().progressMs;
-  lane.frames.insert(lane.frames.end(), waiting.mapped().frames.begin(), waiting.mapped().frames.end());
+  const Target nowhere = {Target::kNowhere, module.id};
+  auto lane = lanes_.extract(module);
+  std::deque<KeptFrame>& frames = lane.mapped().frames;
+  const size_t own =
+      std::erase_if(frames, [pid](const KeptFrame& kept) { return kept.frame.sourcePid == pid; });
+  kept_ -= own;
+  if (own != 0) loss_({pid, static_cast<uint16_t>(module.id), static_cast<uint32_t>(own), kNoProcess});
+  Lane& to = lanes_[process];
+  if (to.frames.empty()) to.progressMs = nowMs;
+  to.frames.insert(to.frames.end(), frames.begin(), frames.end());
   for (auto& [key, route] : routes_) {
-    if (route.target == module) route.target = process;
+    if (route.target == module) route.target = key.first == pid ? nowhere : process;
   }
 }
 
@@ -134,6 +149,24 @@ const char* FrameRouter::Drain(Target target, Lane& lane, uint64_t nowMs) {
   return nullptr;
 }
 
+/// Drops the messages that have waited too long for a module; those that came later may still see it.
+void FrameRouter::DropOld(Target module, Lane& lane, uint64_t nowMs) {
+  std::set<Key> old;
+  const size_t before = lane.frames.size();
+  const KeptFrame first = lane.frames.front();
+  while (!lane.frames.empty() && nowMs - lane.frames.front().sinceMs >= limits_.waitMs) {
+    old.insert(KeyOf(lane.frames.front().frame));
+    lane.frames.pop_front();
+  }
+  if (old.empty()) return;
+  std::erase_if(lane.frames, [&](const KeptFrame& kept) { return old.contains(KeyOf(kept.frame)); });
+  for (auto& [key, route] : routes_) {
+    if (route.target == module && old.contains(key)) route.target = {Target::kNowhere, route.destination};
+  }
+  kept_ -= before - lane.frames.size();
+  (void)Lose(first.frame, first.destination, static_cast<uint32_t>(before - lane.frames.size()), kNoProcess);
+}
+
 void FrameRouter::DropLane(Target target, Lane& lane, const char* why) {
   const KeptFrame& first = lane.frames.front();
   (void)Lose(first.frame, first.destination, static_cast<uint32_t>(lane.frames.size()), why);
@@ -148,9 +181,8 @@ void FrameRouter::DropLane(Target target, Lane& lane, const char* why) {
 void FrameRouter::DropMessage(const IPC_MSG_S& frame, Route& route, const char* why) {
   size_t waiting = 0;
   if (const auto lane = lanes_.find(route.target); lane != lanes_.end()) {
-    waiting = std::erase_if(lane->second.frames, [&](const KeptFrame& kept) {
-      return kept.frame.sourcePid == frame.sourcePid && kept.frame.sequence == frame.sequence;
-    });
+    waiting = std::erase_if(lane->second.frames,
+                            [&](const KeptFrame& kept) { return KeyOf(kept.frame) == KeyOf(frame); });
     kept_ -= waiting;
     if (lane->second.frames.empty()) lanes_.erase(lane);
   }

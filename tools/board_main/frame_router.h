@@ -42,7 +42,8 @@ struct RouterLimits {
   size_t laneFrames = 8192;  ///< of one destination: twice the longest message
   size_t allFrames = 16384;  ///< 64 MiB in all lanes
   size_t routes = 1024;      ///< messages whose last frame has not come yet
-  uint64_t waitMs = 30000;   ///< without any progress; a receiver gives a message up after the same time
+  uint64_t waitMs = 30000;   ///< of a process without any progress, and of each message whose module nobody
+                             ///< has; a receiver gives a message up after the same time
 };
 
 class FrameRouter {
@@ -81,6 +82,7 @@ class FrameRouter {
   struct KeptFrame {
     IPC_MSG_S frame;
     uint16_t destination;
+    uint64_t sinceMs;
   };
   struct Lane {
     std::deque<KeptFrame> frames;
@@ -91,8 +93,9 @@ class FrameRouter {
   [[nodiscard]] Target Find(uint16_t destination, uint32_t sourcePid) const;
   [[nodiscard]] Verdict Forward(const IPC_MSG_S& frame, Route& route, uint64_t nowMs);
   [[nodiscard]] bool Keep(const IPC_MSG_S& frame, const Route& route, uint64_t nowMs);
-  void Adopt(Target module, uint32_t pid);
+  void Adopt(Target module, uint32_t pid, uint64_t nowMs);
   [[nodiscard]] const char* Drain(Target target, Lane& lane, uint64_t nowMs);
+  void DropOld(Target module, Lane& lane, uint64_t nowMs);
   void DropLane(Target target, Lane& lane, const char* why);
   void DropMessage(const IPC_MSG_S& frame, Route& route, const char* why);
   Verdict Lose(const IPC_MSG_S& frame, uint16_t destination, uint32_t frames, const char* why);
