@@ -81,12 +81,16 @@ int Ask(const RequestOptions& options) {
     (void)fprintf(stderr, "update_request: a field could not be set\n");
     return kExitUsage;
   }
+  const auto packet = board_link::EncodeRequest(request);
+  if (packet.empty()) {
+    (void)fprintf(stderr, "update_request: a name or the list of numbers is too long\n");
+    return kExitUsage;
+  }
   const base::UniqueFd link = board_link::Connect(options.socket.c_str());
   if (!link) return NoAnswer(options, "nobody listens", strerror(errno));
   if (!board_link::PeerIsTrusted(link.get()))
     return NoAnswer(options, "a stranger listens", "another user's process");
 
-  const auto packet = board_link::EncodeRequest(request);
   if (send(link.get(), packet.data(), packet.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(packet.size())) {
     return NoAnswer(options, "the request could not be sent", strerror(errno));
   }
