@@ -29,7 +29,7 @@ using FaultTimer1sFunc = uint32_t (*)();
 [[nodiscard]] uint32_t FaultRegTimer1sFunc(FaultTimer1sFunc callback);
 
 /// Has the memory use checked every 300 seconds: at `percent` (1 to 99) or more of the configured budget the
-/// restart of the process is asked for under `name` (at most 30 bytes), and without an answer the process
+/// restart of the process is asked for under `name` (at most 30 bytes); where that cannot be sent the process
 /// kills itself. A further call changes percentage and name and adds no second check.
 /// @retval kFaultErrThreshold percent, or null or too long a name @retval 1 the one-second table is full
 [[nodiscard]] uint32_t TOLA_CfgProcessMemThreshold(uint16_t percent, const char* name);

@@ -28,7 +28,7 @@ struct ProcessImage {
 void SignalProcess(const ProcessImage& image, int signal);
 
 /// Starts the program again with its arguments, as its user, in its directory, in a session of its own; it
-/// inherits nothing and its output is thrown away. @return its process id, or -1
+/// inherits this process's environment alone, and its output is thrown away. @return its process id, or -1
 [[nodiscard]] pid_t StartProcess(const ProcessImage& image);
 
 }  // namespace board_main
