@@ -84,7 +84,8 @@ TEST_F(PlatformTest, ProcessesAreKnownAgainAfterTheMainProcessAndAreKeptRunning)
   board_.StartMain();
   EXPECT_TRUE(StatusComes("\"pid\":" + first + ",")) << "the daemon must register with a new main process";
   EXPECT_EQ(Ask("--authorise"), 0) << "the way through a new main process";
-  EXPECT_EQ(board_.Shell("board_main --socket /run/board_main.sock").status, 1) << "a second main process";
+  EXPECT_EQ(board_.Shell("board_main --socket /run/other.sock 2>&1 | grep -q only").status, 0)
+      << "a second main process read the first one's queue";
 
   board_.Shell(
       "ipcrm -q $(sed -n 's/.*main queue \\([0-9]*\\),.*/\\1/p' /mnt/sub_bin/sys_log/board_main_run_log.log"

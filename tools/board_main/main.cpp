@@ -55,11 +55,12 @@ uint32_t StartLog() {
   return result != 0 ? result : TOLA_LogControl(0, 4, 3);
 }
 
-/// Two main processes would take each other's frames. The lock is held as long as the process lives.
-uint32_t LockOut(const char* socketPath) {
+/// Two main processes would take each other's frames, wherever they listen: there is one main queue, and so
+/// there is one lock. It is held as long as the process lives.
+uint32_t LockOut() {
   static base::UniqueFd lock;
-  lock.reset(
-      open((std::string(socketPath) + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  const std::string path = std::string(board_link::kSocketPath) + ".lock";
+  lock.reset(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   return lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
 }
 
@@ -79,7 +80,7 @@ int main(int argc, char** argv) {
       return 2;
     }
     static auto& mainQueue = *new board_main::MainQueue;  // never ends: its tasks do not either
-    const bool started = Step("being the only main process", LockOut(options.socket)) &&
+    const bool started = Step("being the only main process", LockOut()) &&
                          Step("reading the configuration", KEL_CfgdbInitByFsldr(options.config)) &&
                          Step("starting the runtime", KEL_Start(nullptr)) &&
                          Step("reading the path configuration", TOLA_Start(kPathCfg, nullptr)) &&
