@@ -85,8 +85,11 @@ uint32_t RunMapCommand(const MapCommand& command) {
   if (real == nullptr || directory != real.get()) return 1;
   const base::UniqueFd to(
       open(command.path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
-  // ChangeFileProperty refuses what is no regular file or has a second name.
-  if (!to || ChangeFileProperty(command.path.c_str()) != 0) return 1;
+  // What is no regular file or has a second name is somebody else's. This very file is looked at: the name
+  // may be another's by now.
+  struct stat state = {};
+  if (!to || fstat(to.get(), &state) != 0 || !S_ISREG(state.st_mode) || state.st_nlink != 1) return 1;
+  if (ChangeFileProperty(command.path.c_str()) != 0) return 1;
   return CopyAll(from.get(), to.get()) ? 0 : 1;
 }
 
