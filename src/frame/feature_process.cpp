@@ -20,6 +20,7 @@
 #include "frame/user_tick.h"
 #include "msg/heart_beat_manager.h"
 #include "securec.h"
+#include "velto/dms.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_task.h"
 
@@ -137,6 +138,13 @@ uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName)
   uint32_t result = TolaOsInitVelto();
   if (result != 0) {
     (void)printf("\n==================== init velto fail:%#x ====================\n", result);
+    return result;
+  }
+  // A second process of the name would take the queue, the log and the exception file of the first away, and
+  // have no component. Without a folder for the lock there is none for the component's socket either.
+  result = DMS_ProcNameTake(g_featureIdentity.name);
+  if (result == kDmsErrNameTaken) {
+    (void)printf("\n==================== %s runs already ====================\n", g_featureIdentity.name);
     return result;
   }
   result = TolaOsSetEnv(exePath);

@@ -11,8 +11,9 @@
 /// Set once, by the initialisation task, when a stage fails; ends the loop of the main thread.
 extern std::atomic<uint8_t> g_isfeatureProcessExit;
 
-/// Runs the process. Returns when a step before the loop failed (its result), or when the exit flag was set
-/// (0: a failed stage shows in the "init fail" line and the run log, not in the exit status).
+/// Runs the process. Returns when a step before the loop failed (its result), when another process of its
+/// name runs (kDmsErrNameTaken), or when the exit flag was set (0: a failed stage shows in the "init fail"
+/// line and the run log, not in the exit status).
 [[nodiscard]] uint32_t TolaOsFeatureProcessMain(const char* exePath, const char* initTaskName);
 
 /// Detaches from the terminal: the caller goes on in a grandchild in "/tmp" that holds descriptors 0 to 2

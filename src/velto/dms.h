@@ -30,6 +30,7 @@ inline constexpr uint32_t kDmsErrPeerUser =
 inline constexpr uint32_t kDmsErrFull = 0x050A;  ///< an address table is full
 inline constexpr uint32_t kDmsErrSocket =
     0x050B;  ///< the process's own socket could not be bound, or dms.dir is unsafe; standard error says why
+inline constexpr uint32_t kDmsErrNameTaken = 0x050C;  ///< a living process has the name
 
 inline constexpr uint32_t kDmsReservedHeadSize = 16;
 
@@ -56,6 +57,11 @@ void* DMS_MsgReserveHeadGet(void* message);  ///< 16 bytes that travel with the 
 /// The source travels as given at allocation. A send to another process returns when that process has
 /// answered; on kDmsErrLink alone it is not known whether the message was delivered.
 [[nodiscard]] uint32_t DMS_MsgSend(uint32_t cpi, void* message);
+
+/// Makes this process the only one of its `name` (1 to 31 characters) while it lives, by a lock in dms.dir,
+/// which is made where it is not there. Once in a process.
+/// @retval kDmsErrPara @retval kDmsErrNameTaken @retval kDmsErrSocket no lock could be had
+[[nodiscard]] uint32_t DMS_ProcNameTake(const char* name);
 
 /// This process's own address; `ip` is dotted IPv4 text. Both may be set again until the first instance is
 /// enabled, then another value is kDmsErrPara.

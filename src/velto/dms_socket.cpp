@@ -17,6 +17,7 @@
 #include "securec.h"
 #include "velto/kel_cfg.h"
 #include "velto/kel_cfg_table.h"
+#include "velto/kel_table.h"
 
 namespace velto {
 namespace {
@@ -192,3 +193,19 @@ bool SocketWait(int connection, short events, const Deadline& deadline) {
 }
 
 }  // namespace velto
+
+uint32_t DMS_ProcNameTake(const char* name) {
+  if (!velto::NameFits(name) || *name == '\0' || strchr(name, '/') != nullptr) return kDmsErrPara;
+  char path[velto::kCfgTextSize];
+  base::UniqueFd dir;
+  const uint32_t opened = velto::OpenDir(true, path, dir);
+  if (opened != 0) return opened;
+  char file[velto::kNameSize + sizeof(".lock")];
+  (void)snprintf_s(file, sizeof(file), sizeof(file) - 1, "%s.lock", name);  // fits, as its size says
+  base::UniqueFd lock(openat(dir.get(), file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!lock) return velto::Complain(file, strerrordesc_np(errno));
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+    return errno == EWOULDBLOCK ? kDmsErrNameTaken : velto::Complain(file, strerrordesc_np(errno));
+  (void)lock.release();  // held until the process is gone
+  return 0;
+}

@@ -68,6 +68,16 @@ TEST_F(StartTest, StagesRunInTheOrderOfTheTable) {
   EXPECT_TRUE(board_.Exists("/log/root_log/fault_manager_except_sys_info_update_active.tola.tmp"));
 }
 
+TEST_F(StartTest, SecondProcessOfTheNameEndsBeforeItTakesAnythingFromTheFirst) {
+  board_.StartDaemon();
+  board_.Shell(
+      "first=$(pidof update_active); /app_run/app_bin/script/update_common.sh; "
+      "while [ \"$(pidof update_active)\" != $first ]; do sleep 0.01; done");
+  EXPECT_THAT(board_.Read(kOut), HasSubstr("= update_active runs already ="));
+  EXPECT_EQ(board_.Shell("grep -c 'PduVersion Init' /mnt/sub_bin/sys_log/update_active_run_log.log").output,
+            "1\n");
+}
+
 TEST_F(StartTest, DaemonIsDetachedAndKeepsNoDescriptor) {
   EXPECT_EQ(board_.Shell("exec 7</etc/passwd; /app_run/app_bin/script/update_common.sh").status, 0);
   board_.StartMain();
