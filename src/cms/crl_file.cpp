@@ -28,14 +28,19 @@ bool MayIssueCrls(X509* cert) {
          EVP_PKEY_get_security_bits(X509_get0_pubkey(cert)) >= kMinSecurityBits;
 }
 
+/// Asks twice before it says no: a lack of memory is not told apart from a wrong signature, and seldom lasts.
+bool IsSignedWith(X509_CRL* crl, X509* cert) {
+  EVP_PKEY* key = X509_get0_pubkey(cert);
+  return X509_CRL_verify(crl, key) == 1 || X509_CRL_verify(crl, key) == 1;
+}
+
 enum class Origin { kGenuine, kForged, kUnknown };
 
 Origin OriginOf(X509_CRL* crl, const std::vector<cms::CertPtr>& certs) {
   Origin origin = Origin::kUnknown;
   for (const cms::CertPtr& cert : certs) {
     if (X509_NAME_cmp(X509_get_subject_name(cert.get()), X509_CRL_get_issuer(crl)) != 0) continue;
-    if (MayIssueCrls(cert.get()) && X509_CRL_verify(crl, X509_get0_pubkey(cert.get())) == 1)
-      return Origin::kGenuine;
+    if (MayIssueCrls(cert.get()) && IsSignedWith(crl, cert.get())) return Origin::kGenuine;
     origin = Origin::kForged;
   }
   return origin;
@@ -59,6 +64,15 @@ uint32_t DecodeCrlFile(const SigvfyCtx& ctx, const char* path, SigvfyCrl** out) 
   return kSuccess;
 }
 
+/// Whether libcrypto lacked memory; it tells nothing else apart from a list that is no good.
+bool LackedMemory() {
+  bool lacked = false;
+  while (const unsigned long error = ERR_get_error()) {
+    lacked = lacked || ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE;
+  }
+  return lacked;
+}
+
 /// One older or missing list decides: the others would bring revocations of its issuer to an end.
 bool IsNewer(const SigvfyCrl& first, const SigvfyCrl& second) {
   bool anyNewer = false;
@@ -78,16 +92,21 @@ uint32_t SigvfyDecodeCrlFile(SigvfyCtx* ctx, const char* path, SigvfyCrl** crl) 
   if (code != kSuccess) return code;
   if (path == nullptr || crl == nullptr) return cms::Report(kSigvfyErrArgument);
   *crl = nullptr;
-  const uint32_t result = cms::Contained([&] { return DecodeCrlFile(*ctx, path, crl); });
   ERR_clear_error();
-  return result;
+  const uint32_t result = cms::Contained([&] { return DecodeCrlFile(*ctx, path, crl); });
+  if (!LackedMemory()) return result;
+  SigvfyFreeCrl(*crl);
+  *crl = nullptr;
+  return cms::Report(kSigvfyErrMemory);
 }
 
 uint32_t SigvfyCompareCrl(const SigvfyCrl* first, const SigvfyCrl* second, uint32_t* newer) {
   if (first == nullptr || second == nullptr || newer == nullptr) return cms::Report(kSigvfyErrArgument);
-  *newer = IsNewer(*first, *second) ? 1 : 0;
   ERR_clear_error();
-  return kSuccess;
+  *newer = IsNewer(*first, *second) ? 1 : 0;
+  if (!LackedMemory()) return kSuccess;
+  *newer = 0;  // a list without its number looks older than it is
+  return cms::Report(kSigvfyErrMemory);
 }
 
 bool SigvfyCrlIsFuture(const SigvfyCrl* crl) {

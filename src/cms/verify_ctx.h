@@ -100,12 +100,13 @@ void SigvfyVrfCtxFree(SigvfyCtx* ctx);
 /// is left out, since it can be checked only together with a signature; at least one must remain. `*crl` is
 /// the caller's, see SigvfyFreeCrl.
 /// @retval 0 @retval kSigvfyErrCrlIssuer none is from a certificate of the context
-/// @retval kSigvfyErrCrlSignature @retval kSigvfyErrDecode @retval other of the arguments and the file
+/// @retval kSigvfyErrCrlSignature @retval kSigvfyErrDecode @retval kSigvfyErrMemory nothing can be said of
+/// the lists @retval other of the arguments and the file
 [[nodiscard]] uint32_t SigvfyDecodeCrlFile(SigvfyCtx* ctx, const char* path, SigvfyCrl** crl);
 
 /// `*newer` becomes 1 when `first` is newer than `second`: a later thisUpdate, then a higher number, of the
 /// same issuer. With several issuers no list may be older or missing and one must be newer. Otherwise 0.
-/// @retval 0 @retval kSigvfyErrArgument
+/// @retval 0 @retval kSigvfyErrArgument @retval kSigvfyErrMemory
 [[nodiscard]] uint32_t SigvfyCompareCrl(const SigvfyCrl* first, const SigvfyCrl* second, uint32_t* newer);
 
 /// True when one of the authenticated lists is not valid yet: nothing newer could take its place in time.

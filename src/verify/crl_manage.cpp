@@ -1,7 +1,10 @@
 #include "verify/crl_manage.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 
+#include "base/owners.h"
 #include "base/result_codes.h"
 #include "cms/root_ca.h"
 #include "log/file_public.h"
@@ -27,6 +30,15 @@ uint32_t AddAnchors(const SIGNATURE_VERIFY_REQ_S& request, SigvfyCtx* context) {
   return result;
 }
 
+/// Whether `code` tells only that the stored list could not be looked at just now. It may be a good one, and
+/// displaced by an older one it would be forgotten with what it revokes.
+bool WasOutOfReach(uint32_t code, const char* stored) {
+  if (code == kSigvfyErrMemory || code == kSigvfyErrCrypto) return true;
+  if (code != kSigvfyErrOpen) return false;
+  const base::UniqueFd fd(open(stored, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  return fd || errno == EMFILE || errno == ENFILE || errno == ENOMEM;
+}
+
 /// The order of the checks for a list that an update supplies, when one is stored.
 uint32_t StoreIfBetter(const SIGNATURE_VERIFY_REQ_S& request, const char* stored) {
   uint32_t newer = 0;
@@ -35,7 +47,7 @@ uint32_t StoreIfBetter(const SIGNATURE_VERIFY_REQ_S& request, const char* stored
   if (compared != kSuccess) {
     LOG_ERR(kVerifyLogModule, "compare err:%hu,%hu,%hu", static_cast<uint16_t>(compared),
             static_cast<uint16_t>(state.updateValid), static_cast<uint16_t>(state.storedValid));
-    if (!state.updateValid || state.storedValid) return compared;
+    if (!state.updateValid || state.storedValid || WasOutOfReach(compared, stored)) return compared;
   } else if (newer == 0) {
     return kSuccess;
   }

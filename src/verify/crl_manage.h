@@ -59,7 +59,8 @@ struct CRL_COMPARE_STATE_S {
                                       uint32_t* newer, CRL_COMPARE_STATE_S* state);
 
 /// With a stored list: stores the update's when it is newer or the stored one no longer authenticates, then
-/// copies the stored list over the request's file.
+/// copies the stored list over the request's file. A stored list that cannot be looked at for want of memory
+/// or descriptors is not displaced.
 /// @retval 0 @retval 0x88100002 no stored name @retval other CompareCrlDate's, UpdateCrlFileToDevice's, the
 /// copy's
 [[nodiscard]] uint32_t CompareAndUpdateCrlFile(const SIGNATURE_VERIFY_REQ_S& request);

@@ -1,7 +1,10 @@
 // The stored revocation lists: which list wins, and that no failure and no power cut loses the stored one.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <numeric>
 
 #include "verify_fixture.h"
 
@@ -67,6 +70,27 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
     EXPECT_FALSE(fs::exists(aside_));
     EXPECT_TRUE(code != 0 || fs::status(stored_).permissions() == fs::perms{0600});
   }
+}
+
+TEST_F(CrlManageTest, AListThatMemoryIsTooShortForIsNotDisplaced) {
+  std::vector<uint64_t> many(45000);
+  std::iota(many.begin(), many.end(), 1000000u);
+  const std::string large = Text(MakeCrl(pki_.root, {.number = 9, .revoked = many}));
+  Store(List(8));
+  Supply(List(9));
+  EXPECT_EQ(ProcessCrlInfo(request_), 0u);  // libcrypto has what it keeps
+  Store(large);
+  Supply(List(9));
+  const pid_t child = fork();
+  if (child == 0) {
+    std::ifstream statm("/proc/self/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    const rlimit limit = {pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 500000, RLIM_INFINITY};
+    _exit(setrlimit(RLIMIT_AS, &limit) == 0 && ProcessCrlInfo(request_) == 50997 ? 0 : 1);
+  }
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);  // how it ended is the sanitizers' matter
+  EXPECT_TRUE(Stored() == large) << "the older list took its place, with what it revokes";
 }
 
 TEST_F(CrlManageTest, OnlyAnEmptyNameCountsAsNoList) {
