@@ -1,5 +1,7 @@
 #include "cms/cert_cache.h"
 
+#include <openssl/x509v3.h>
+
 #include <algorithm>
 
 #include "base/result_codes.h"
@@ -13,6 +15,11 @@ void AppendShared(const std::vector<CertPtr>& from, std::vector<CertPtr>& to) {
   for (const CertPtr& cert : from) {
     if (X509_up_ref(cert.get()) == 1) to.emplace_back(cert.get());
   }
+}
+
+/// Whether libcrypto read all of the certificate. It remembers a lack of memory of that moment in the object.
+bool IsWhole(const CertPtr& cert) {
+  return X509_check_purpose(cert.get(), -1, 0) == 1 && X509_get0_pubkey(cert.get()) != nullptr;
 }
 
 }  // namespace
@@ -35,6 +42,7 @@ uint32_t CertCache::Decode(ByteSpan bytes, std::vector<CertPtr>& certs) {
   if (code != kSuccess) return code;
   fresh.bytes.assign(bytes.begin(), bytes.end());
   AppendShared(fresh.certs, certs);
+  if (!std::all_of(fresh.certs.begin(), fresh.certs.end(), IsWhole)) return kSuccess;
   entries_[next_] = std::move(fresh);
   next_ = (next_ + 1) % kEntries;
   return kSuccess;
