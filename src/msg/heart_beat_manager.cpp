@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -31,6 +32,7 @@ namespace {
 constexpr uint16_t kLogModule = 0;
 constexpr uint32_t kNoTask = 0xFFFFFFFF;
 constexpr uint32_t kLockGroups = 3;
+constexpr uint32_t kReportS = 2;  ///< for an overdue task's lines
 
 constexpr std::string_view kMainProcessPrefix = "app_arm";
 constexpr key_t kApparmKey = 1234;
@@ -50,6 +52,7 @@ uint32_t g_sema = 0;                           ///< this and the number are writ
 uint32_t g_taskNumber = 0;                     ///< slots
 std::atomic<HeartBeatSlot*> g_slots{nullptr};  ///< set once the manager is up; lives as long as the process
 std::atomic<void (*)(uint32_t)> g_recordTask{nullptr};
+std::atomic<uint32_t> g_overdue{kNoTask};  ///< the task that is being reported
 std::atomic<bool> g_apparmOn{true};
 std::atomic<uint16_t*> g_apparmCounter{nullptr};  ///< in shared memory; null in all but the main process
 
@@ -172,11 +175,43 @@ uint32_t CountSecond(std::span<HeartBeatSlot> slots) {
   return kNoTask;
 }
 
-void ReportOverdue(uint32_t taskId) {
-  for (uint32_t group = 0; group < kLockGroups; ++group) DDM_IpcRwLockShowInfo(group);
-  LOG_ERR(kLogModule, "task: %s(%#x) has no heartbeat", TaskName(taskId).text, taskId);
+void Record(uint32_t taskId) {
   void (*record)(uint32_t) = g_recordTask.load(std::memory_order_acquire);
   if (record != nullptr) record(taskId);
+}
+
+/// The task may have stopped with the log or standard output in its hands. Whoever writes lines about it
+/// would wait for it then: while this lives, for kReportS at most, and then the task is recorded without.
+class ReportLimit {
+ public:
+  explicit ReportLimit(uint32_t taskId) {
+    g_overdue.store(taskId);
+    struct sigaction action = {};
+    action.sa_handler = [](int) { Record(g_overdue.load()); };
+    action.sa_flags = SA_ONSTACK | SA_RESTART;
+    (void)sigaction(SIGALRM, &action, &before_);
+    left_ = alarm(kReportS);
+  }
+  ~ReportLimit() {
+    (void)alarm(0);
+    (void)sigaction(SIGALRM, &before_, nullptr);
+    (void)alarm(left_);  // a crash may be under way, with a limit of its own
+  }
+  ReportLimit(const ReportLimit&) = delete;
+  ReportLimit& operator=(const ReportLimit&) = delete;
+
+ private:
+  struct sigaction before_ = {};
+  unsigned left_ = 0;
+};
+
+void ReportOverdue(uint32_t taskId) {
+  {
+    const ReportLimit limit(taskId);
+    for (uint32_t group = 0; group < kLockGroups; ++group) DDM_IpcRwLockShowInfo(group);
+    LOG_ERR(kLogModule, "task: %s(%#x) has no heartbeat", TaskName(taskId).text, taskId);
+  }
+  Record(taskId);
   DisableApparmHeartBeat();  // the supervisor outside is to see the fault too
 }
 

@@ -58,5 +58,6 @@ inline constexpr uint16_t kHeartNoId = 0xFFFF;  ///< heart-beat id of a thread h
 void DisableApparmHeartBeat();
 
 /// Sets what an overdue task's id is handed to, null for nothing. Called by the caller of
-/// TOLA_HeartBeatProcessSecondEvent. Any thread.
+/// TOLA_HeartBeatProcessSecondEvent, or out of a signal (SIGALRM) when the lines about the task took more
+/// than two seconds: only what is async-signal-safe may be done there. Any thread.
 void RegTaskInfoRecordFunc(void (*record)(uint32_t taskId));

@@ -108,6 +108,22 @@ TEST_F(HeartBeatTest, ATaskIsReportedInTheSecondOfItsTimeout) {
   EXPECT_THAT(Pass(1), ElementsAre(first.id)) << "a new time-out starts nothing afresh";
 }
 
+TEST_F(HeartBeatTest, ATaskThatHoldsTheLogIsHandedOverWithoutIt) {
+  static std::binary_semaphore held{0};
+  g_reported.reserve(2);  // what follows runs in a signal
+  Worker holder("holder");
+  ASSERT_EQ(holder.Register(1), 0u);
+  RegTaskInfoRecordFunc([](uint32_t taskId) {
+    g_reported.push_back(taskId);
+    held.release();
+  });
+  RegLogSeparatePrintFunc([](const TOLA_LOG_PARA_S*, const char*, va_list) {
+    while (!held.try_acquire()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  EXPECT_THAT(Pass(1), ElementsAre(holder.id, holder.id)) << "once by its alarm";
+  RegLogSeparatePrintFunc(nullptr);
+}
+
 TEST_F(HeartBeatTest, SlotsBehindAnOverdueOneDoNotCountInThatSecond) {
   ASSERT_EQ(first.Register(5), 0u);
   ASSERT_EQ(second.Register(6), 0u);
