@@ -45,6 +45,7 @@ bool MakeArchive(const PackagePlan& plan, const std::string& archive, std::strin
   const char* epoch = getenv("SOURCE_DATE_EPOCH");
   std::vector<std::string> command = {"tar",
                                       "--create",
+                                      "--force-local",  // a colon in the name is no host
                                       "--file",
                                       archive,
                                       "--directory",

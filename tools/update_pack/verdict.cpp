@@ -1,6 +1,7 @@
 #include "verdict.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include "ask_product.h"
 #include "frame/public_file_cfg.h"
@@ -31,16 +32,25 @@ bool Bring(const ScratchDir& scratch, const std::string& from, std::string& to, 
   return CopyToNewFile(from, to, error);
 }
 
+/// A link to the package under its own name: where it lies on this machine is not for the device to judge.
+bool Point(const ScratchDir& scratch, const std::string& package, std::string& link, std::string& error) {
+  link = scratch.File(BaseName(package));
+  if (symlink(package.c_str(), link.c_str()) == 0) return true;
+  error = "cannot make " + link;
+  return false;
+}
+
 /// The road of an update up to its unpacking; stops at the first refusal.
-void Walk(const SIGNATURE_VERIFY_REQ_S& request, const VerdictQuestion& question, Verdict& verdict) {
+void Walk(const SIGNATURE_VERIFY_REQ_S& request, uint16_t caType, const std::string& package,
+          Verdict& verdict) {
   verdict.step = "signature and revocation list";
-  verdict.code = TolaSingleFileSignatureVerify(request, question.caType);
+  verdict.code = TolaSingleFileSignatureVerify(request, caType);
   if (verdict.code != 0) return;
   verdict.step = "digest of the package";
-  verdict.code = UpgradePackHashVerify(request.contentPath, question.packagePath.c_str());
+  verdict.code = UpgradePackHashVerify(request.contentPath, package.c_str());
   if (verdict.code != 0) return;
   verdict.step = "names in the package";
-  verdict.code = CheckFileNameInCompressedPackage(question.packagePath.c_str());
+  verdict.code = CheckFileNameInCompressedPackage(package.c_str());
   verdict.accepted = verdict.code == 0;
 }
 
@@ -51,11 +61,11 @@ bool AskProduct(const VerdictQuestion& question, Verdict& verdict, std::string& 
   const std::string place = base != nullptr && *base != '\0' ? base : "/tmp";
   ScratchDir files;
   ScratchDir stored;
-  std::string list, signature, crl;
+  std::string list, signature, crl, package;
   if (!files.Make(place + "/update_pack.", error) || !stored.Make(place + "/update_pack.", error) ||
       !Bring(files, question.listPath, list, error) ||
       !Bring(files, question.signaturePath, signature, error) ||
-      !Bring(files, question.crlPath, crl, error)) {
+      !Bring(files, question.crlPath, crl, error) || !Point(files, question.packagePath, package, error)) {
     return false;
   }
   g_storedDirectory = stored.path();
@@ -77,7 +87,7 @@ bool AskProduct(const VerdictQuestion& question, Verdict& verdict, std::string& 
     request.signaturePath = signature.c_str();
     request.contentPath = list.c_str();
     request.crlPath = crl.c_str();
-    Walk(request, question, verdict);
+    Walk(request, question.caType, package, verdict);
   }
   SetCfgCallBackFunc(nullptr, nullptr);
   return ready;
