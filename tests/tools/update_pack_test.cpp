@@ -61,6 +61,9 @@ TEST_F(UpdatePackTest, WhatItMakesTheProductAccepts) {
                            "number 1", "ACCEPTED"}) {
     EXPECT_THAT(shown, HasSubstr(text));
   }
+  EXPECT_THAT(shown, Not(HasSubstr("trouble")));
+  EXPECT_THAT(Must("out='--out a:b&c' make; inspect 'a:b&c'"), HasSubstr("ACCEPTED"))
+      << "where it lies here is nothing to the device";
   const CommandResult foreign = Run("pack inspect out");
   EXPECT_EQ(foreign.status, 1) << "this build's own root did not issue the signer";
   EXPECT_THAT(foreign.output, HasSubstr("REFUSED with 50997"));
@@ -78,6 +81,8 @@ TEST_F(UpdatePackTest, InspectSaysWhyAPackageIsRefusedAndChangesNothing) {
   EXPECT_THAT(Refused("out"), AllOf(HasSubstr("differs  update.tar.gz"), HasSubstr("REFUSED with 50994")));
   Must("cp good/* out; echo >>out/filelist.txt");
   EXPECT_THAT(Refused("out"), HasSubstr("REFUSED with 50987"));
+  Must("tar --owner=1000 -czf out/update.tar.gz run.sh image.bin");
+  EXPECT_THAT(Refused("out"), HasSubstr("does not belong to root"));
 
   Must("cp good/* out; pack dev-pki revoke alice --pki pki; pack dev-pki crl --pki pki --out newer.crl");
   EXPECT_THAT(Refused("out --stored-crl newer.crl"), HasSubstr("REFUSED with 50987"));

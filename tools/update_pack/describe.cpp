@@ -152,6 +152,25 @@ std::vector<cms::CrlPtr> ReadCrls(PackageDescription& out) {
   return crls;
 }
 
+void ReadArchive(PackageDescription& out) {
+  constexpr size_t kRightsWidth = 10;
+  bool foreign = false;
+  const auto keep = [&](std::string_view line) {
+    out.entries.emplace_back(line);
+    foreign = foreign || line.find(" 0/0 ") != kRightsWidth;
+  };
+  std::string fault;
+  if (!RunProgram({"tar", "--list", "--verbose", "--numeric-owner", "--gzip", "--utc", "--file",
+                   out.directory + "/" + out.package},
+                  keep, fault)) {
+    out.troubles.push_back(fault);
+  }
+  if (foreign) {
+    out.troubles.emplace_back(
+        "a member does not belong to root; on the board its owner can change it before the script runs");
+  }
+}
+
 }  // namespace
 
 bool Describe(const std::string& directory, const std::string& list, bool withContents,
@@ -163,11 +182,6 @@ bool Describe(const std::string& directory, const std::string& list, bool withCo
   if (out.hasCrl) crls = ReadCrls(out);
   ReadSignature(out, crls);
   ReadList(out);
-  std::string fault;
-  const auto keep = [&out](std::string_view line) { out.entries.emplace_back(line); };
-  if (!RunProgram({"tar", "--list", "--verbose", "--gzip", "--utc", "--file", directory + "/" + out.package},
-                  keep, fault)) {
-    out.troubles.push_back(fault);
-  }
+  ReadArchive(out);
   return true;
 }
