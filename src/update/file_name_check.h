@@ -30,7 +30,8 @@
 [[nodiscard]] uint32_t CheckOneFileName(char* line, uint32_t bufferSize);
 
 /// @retval 0 every listed member is safe; also a path of no known kind, which is not examined, and a package
-/// that cannot be listed, which cannot be unpacked either
+/// that its tool cannot list: a tar could not be unpacked either, but one that is called a zip is not
+/// examined
 /// @retval 1 a member or the path is refused: characters, a leading '-', for a zip also blanks and what else
 /// would make more than one word of it in a shell @retval kErrFormat the command does not fit @retval
 /// kErrShift from CheckOneFileName
