@@ -73,6 +73,9 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
 }
 
 TEST_F(CrlManageTest, AListThatMemoryIsTooShortForIsNotDisplaced) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer ends a process that lacks memory";
+#endif
   std::vector<uint64_t> many(45000);
   std::iota(many.begin(), many.end(), 1000000u);
   const std::string large = Text(MakeCrl(pki_.root, {.number = 9, .revoked = many}));
@@ -89,7 +92,7 @@ TEST_F(CrlManageTest, AListThatMemoryIsTooShortForIsNotDisplaced) {
     const rlimit limit = {pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 500000, RLIM_INFINITY};
     _exit(setrlimit(RLIMIT_AS, &limit) == 0 && ProcessCrlInfo(request_) == 50997 ? 0 : 1);
   }
-  ASSERT_EQ(waitpid(child, nullptr, 0), child);  // how it ended is the sanitizers' matter
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);  // an emulator knows no limit, so how it ended is not asked
   EXPECT_TRUE(Stored() == large) << "the older list took its place, with what it revokes";
 }
 
