@@ -57,10 +57,17 @@ std::shared_ptr<EVP_PKEY> NewKey(KeyKind kind) {
 using TimePtr = base::UniqueC<ASN1_TIME, ASN1_TIME_free>;
 using IntegerPtr = base::UniqueC<ASN1_INTEGER, ASN1_INTEGER_free>;
 
+/// By way of a text: libcrypto's own time_t may have 32 bits.
 TimePtr TimeOf(int64_t seconds) {
-  TimePtr time(ASN1_TIME_set(nullptr, static_cast<time_t>(seconds)));
-  Require(time != nullptr, "time");
-  return time;
+  const time_t time = seconds;
+  tm calendar;
+  char text[32];
+  TimePtr result(ASN1_TIME_new());
+  Require(gmtime_r(&time, &calendar) != nullptr &&
+              strftime(text, sizeof(text), "%Y%m%d%H%M%SZ", &calendar) != 0 &&
+              ASN1_TIME_set_string_X509(result.get(), text) == 1,
+          "time");
+  return result;
 }
 
 IntegerPtr IntegerOf(uint64_t value) {
