@@ -7,12 +7,13 @@ import sys
 board, directory = sys.argv[1:]
 SOCKET = "/run/velto/127.0.0.1_104"
 MAIN = "/app_run/app_bin/board_main </dev/null >/log/board_main.log 2>&1 & while [ ! -S /run/board_main.sock ]; do :; done"
-# Whoever waits sleeps between two looks: one that spins takes a core that the daemon's tasks would have.
+# The program itself, as update_common.sh starts it. Whoever waits sleeps between two looks: one that spins takes a core
+# that the daemon's tasks would have.
 START = rf"""
 rm -f {SOCKET}
 [ -p /tmp/never ] || mkfifo /tmp/never
 start=$(date +%s%N)
-/app_run/app_bin/script/update_common.sh
+/app_run/app_bin/update_active </dev/null >>/log/update_active.out 2>&1
 while [ ! -e {SOCKET} ]; do read -rt 0.0003 <>/tmp/never; done
 end=$(date +%s%N)
 sleep 0.2
