@@ -70,6 +70,15 @@ std::string Board::PidOf(const std::string& program) const {
   return pid.substr(0, pid.find('\n'));
 }
 
+std::string Board::RegisteredPid(const std::string& program, const std::string& before) const {
+  const std::string registered = "update_request --status --json | sed -n 's/.*\"" + program +
+                                 "\",\"version\":[^,]*,\"pid\":\\([0-9]*\\),.*/\\1/p'";
+  const std::string other = "p=$(" + registered + ") && [ -n \"$p\" ] && [ \"$p\" != '" + before + "' ]";
+  if (!Comes(other + " && echo $p >/tmp/registered")) return "";
+  const std::string pid = Read("/tmp/registered");
+  return pid.substr(0, pid.find('\n'));
+}
+
 Answer Board::Request(const std::vector<std::string>& options) const {
   const auto run = Run({kBoard, "exec", dir_.path(), "update_request", "--json"}, options);
   return {run.status, JsonNumber(run.output, "result"), run.output};

@@ -46,8 +46,12 @@ class Board {
   void StartDaemon() const;  ///< returns when it takes requests
   void StartMain() const;    ///< board_main; returns when it takes requests
   void EndMain() const;
-  /// Process id of a program, empty when it does not run.
+  /// What `pidof` gives: empty when the program does not run, and several while it becomes a daemon or starts
+  /// a command.
   std::string PidOf(const std::string& program) const;
+  /// The process id under which the main process knows the program; waits for another one than `before`.
+  /// Empty when there is none in time.
+  std::string RegisteredPid(const std::string& program, const std::string& before = "") const;
   Answer Request(const std::vector<std::string>& options) const;
   std::string RunLog(const std::string& program = "update_active") const {
     return Read("/mnt/sub_bin/sys_log/" + program + "_run_log.log");

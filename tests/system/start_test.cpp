@@ -80,7 +80,7 @@ TEST_F(StartTest, SecondProcessOfTheNameEndsBeforeItTakesAnythingFromTheFirst) {
 
 TEST_F(StartTest, DaemonIsDetachedAndKeepsNoDescriptor) {
   EXPECT_EQ(board_.Shell("exec 7</etc/passwd; /app_run/app_bin/script/update_common.sh").status, 0);
-  board_.StartMain();
+  EXPECT_TRUE(board_.Comes("grep -q 'AfterComp, ret=0$' /mnt/sub_bin/sys_log/update_active_run_log.log"));
   const auto facts = board_.Shell(
       "p=$(pidof update_active); readlink /proc/$p/cwd; ls -l /proc/$p/fd | grep -c passwd;"
       "cut -d' ' -f4,7 </proc/$p/stat; tr '\\0' '\\n' </proc/$p/environ | wc -l");
