@@ -94,20 +94,31 @@ uint32_t CFeatureFaultManager::Init(const TOLA_FAULT_MGR_CFG_S* cfg) {
   if (isStarted_.exchange(true)) return kFailure;
   moduleId_ = cfg->moduleId;
   RegTaskInfoRecordFunc(FaultRecordStuckTask);
-
-  const uintptr_t args[4] = {reinterpret_cast<uintptr_t>(this), 0, 0, 0};
-  uint32_t taskId = 0;
-  if (KEL_TaskCreate("FaultMgr", &taskId, TaskEntry, kTaskPriority, 0, 0, args) != 0) {
+  const uint32_t result = Start();
+  if (result != 0) {
     isStarted_ = false;
+    return result;
+  }
+  LOG_EVT(kLogModule, "feature fault manager init ok");
+  return kSuccess;
+}
+
+uint32_t CFeatureFaultManager::Start() {
+  const uintptr_t args[4] = {reinterpret_cast<uintptr_t>(this), 0, 0, 0};
+  // One that stands from a start that failed has nothing to do yet, and serves this one.
+  if (taskId_ == 0 && KEL_TaskCreate("FaultMgr", &taskId_, TaskEntry, kTaskPriority, 0, 0, args) != 0) {
+    taskId_ = 0;
     return kFailure;
   }
   uint32_t timerId = 0;
-  uint32_t result = KEL_ReltmrCbkStart(kSecondMs, kKelTimerRepeat, OnSecond, taskId, &timerId);
+  uint32_t result = KEL_ReltmrCbkStart(kSecondMs, kKelTimerRepeat, OnSecond, taskId_, &timerId);
   if (result != 0) return result;
-  result = TOLA_MsgModuleRegister(moduleId_, taskId, kEventMsg, kQueueLength);
-  if (result != 0) return result;
-  (void)KEL_EventWrite(taskId, kEventRegister);  // by the task: a queue that is full holds up no start
-  LOG_EVT(kLogModule, "feature fault manager init ok");
+  result = TOLA_MsgModuleRegister(moduleId_, taskId_, kEventMsg, kQueueLength);
+  if (result != 0) {
+    (void)KEL_ReltmrStop(timerId);
+    return result;
+  }
+  (void)KEL_EventWrite(taskId_, kEventRegister);  // by the task: a queue that is full holds up no start
   return kSuccess;
 }
 

@@ -41,7 +41,7 @@ using FaultTimer1sFunc = uint32_t (*)();
 class CFeatureFaultManager {
  public:
   /// Starts the task, its one-second timer and its message queue, and has the task register the process.
-  /// Once a process.
+  /// Once a process; after a failure it may be called again.
   /// @retval kFaultErrNullCfg @retval 1 no task, or initialised already
   /// @retval other the timer's or the message manager's own result
   [[nodiscard]] uint32_t Init(const TOLA_FAULT_MGR_CFG_S* cfg);
@@ -52,13 +52,15 @@ class CFeatureFaultManager {
 
   static void TaskEntry(uintptr_t manager, uintptr_t, uintptr_t, uintptr_t);
   static void OnSecond(uintptr_t taskId);
+  [[nodiscard]] uint32_t Start();
   [[noreturn]] void Run();
   void ProcessSecond();
   void DrainQueue();
   void ProcessMsg(const tagMsgBuf& msg);
   void Register();
 
-  uint16_t moduleId_ = 0;
+  std::atomic<uint16_t> moduleId_ = 0;
+  uint32_t taskId_ = 0;        ///< 0: no task yet
   uint16_t isRegistered_ = 0;  ///< the fault manager has acknowledged
   std::atomic<bool> isStarted_ = false;
   uint32_t quietSeconds_ = 0;  ///< until the next registration

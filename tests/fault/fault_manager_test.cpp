@@ -40,8 +40,9 @@ class FaultManagerTest : public testing::Test {
     ASSERT_EQ(TOLA_MsgModuleRegister(kStranger, kMsgNoTask, 1, 64), 0u);
     ASSERT_EQ(FaultRegTimer1sFunc(Callback), 0u) << "before Init";
     ASSERT_EQ(TOLA_FaultManagerInit(nullptr), kFaultErrNullCfg);
-    const TOLA_FAULT_MGR_CFG_S cfg = {kAgent};
-    ASSERT_EQ(TOLA_FaultManagerInit(&cfg), 0u);
+    const TOLA_FAULT_MGR_CFG_S taken = {kManager}, cfg = {kAgent};
+    ASSERT_EQ(TOLA_FaultManagerInit(&taken), kMsgErrRegistered);
+    ASSERT_EQ(TOLA_FaultManagerInit(&cfg), 0u) << "a failure may be repeated";
     ASSERT_EQ(FaultRegTimer1sFunc(Callback), 0u);
   }
 
