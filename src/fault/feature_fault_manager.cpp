@@ -9,6 +9,7 @@
 #include "log/run_log.h"
 #include "msg/heart_beat_manager.h"
 #include "securec.h"
+#include "velto/kel_clock.h"
 #include "velto/kel_mem.h"
 #include "velto/kel_sync.h"
 #include "velto/kel_task.h"
@@ -25,7 +26,7 @@ constexpr uint16_t kMsgRegisterAgain = 41696;
 
 constexpr uint32_t kTaskPriority = 3;
 constexpr uint32_t kSecondMs = 1000;
-constexpr uint32_t kQuietSeconds = 30;  ///< after a registration that was not taken
+constexpr uint32_t kQuietSeconds = 30;  ///< after a registration that waited and was not taken
 constexpr uint32_t kEventSecond = 0x8000;
 constexpr uint32_t kEventMsg = 0x4000;
 constexpr uint32_t kEventRegister = 0x2000;
@@ -156,9 +157,12 @@ void CFeatureFaultManager::ProcessSecond() {
 }
 
 void CFeatureFaultManager::Register() {
-  // Whether it arrives or not, it is sent again until it is acknowledged. But one that is not taken has
-  // waited for five seconds, because nobody reads at the other end: so long the one-second calls did not run.
-  quietSeconds_ = FeatureFaultMgrReg(moduleId_, getpid()) == 0 ? 0 : kQuietSeconds;
+  // Whether it arrives or not, it is sent again every second until it is acknowledged. But one that waits
+  // because nobody reads at the other end does so for five seconds, in which no one-second call runs.
+  const uint64_t begin = KEL_ClockMonotonicNs();
+  const bool isTaken = FeatureFaultMgrReg(moduleId_, getpid()) == 0;
+  const bool hasWaited = KEL_ClockMonotonicNs() - begin >= uint64_t{kSecondMs} * 1'000'000u;
+  quietSeconds_ = !isTaken && hasWaited ? kQuietSeconds : 0;
 }
 
 void CFeatureFaultManager::DrainQueue() {

@@ -94,6 +94,13 @@ TEST_F(FaultManagerTest, RegistersEverySecondUntilItIsAcknowledgedAndAgainWhenAs
   EXPECT_EQ(Next(), nullptr) << "acknowledged, and the acknowledgement is not replied to";
   Tell(kRegisterAgain);
   EXPECT_TRUE(isRegistration(Await())) << "at once";
+  ASSERT_EQ(TOLA_MsgModuleUnregister(kManager), 0u);
+  KEL_ClockAdvanceMs(1000);
+  EXPECT_TRUE(Eventually([] { return g_calls == 8; }));
+  EXPECT_EQ(Ask(0x123, {}, kStranger), 1);
+  ASSERT_EQ(TOLA_MsgModuleRegister(kManager, kMsgNoTask, 1, 64), 0u);
+  KEL_ClockAdvanceMs(1000);
+  EXPECT_TRUE(isRegistration(Await())) << "a fault manager that comes late waits a second, not longer";
 }
 
 TEST_F(FaultManagerTest, DebugRequestsAreTheFaultManagersAlone) {
