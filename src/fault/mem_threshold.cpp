@@ -2,6 +2,7 @@
 /// of something.
 
 #include <signal.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "base/result_codes.h"
@@ -54,7 +55,8 @@ uint32_t CheckThreshold() {
 
 uint32_t TOLA_CfgProcessMemThreshold(uint16_t percent, const char* name) {
   if (percent == 0 || percent > kPercentMax || name == nullptr) return kFaultErrThreshold;
-  if (strcpy_s(g_name, sizeof(g_name), name) != EOK) return kFaultErrThreshold;
+  if (strnlen(name, kNameSize) == kNameSize) return kFaultErrThreshold;  // the name that is kept stays
+  (void)strcpy_s(g_name, sizeof(g_name), name);
   g_percent = percent;
   if (g_isWatched.exchange(true)) return kSuccess;
   const uint32_t result = FaultRegTimer1sFunc(CheckThreshold);
