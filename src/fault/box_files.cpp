@@ -26,10 +26,17 @@ bool Join(char (&name)[kBoxNameSize], const char* begin, const char* end) {
   return snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s%s", begin, end) > 0;
 }
 
-/// Size of a regular file with a name of its own; -1 for everything else, links included.
+/// Size of a regular file that has no second name, which may be somebody else's; -1 for everything else,
+/// links included.
 int64_t SizeOfRegular(const char* path) {
   struct stat state = {};
-  return lstat(path, &state) == 0 && S_ISREG(state.st_mode) ? static_cast<int64_t>(state.st_size) : -1;
+  const bool isOwn = lstat(path, &state) == 0 && S_ISREG(state.st_mode) && state.st_nlink == 1;
+  return isOwn ? static_cast<int64_t>(state.st_size) : -1;
+}
+
+bool IsRegular(const char* path) {
+  struct stat state = {};
+  return lstat(path, &state) == 0 && S_ISREG(state.st_mode);
 }
 
 bool IsLink(const char* path) {
@@ -71,7 +78,7 @@ uint32_t BoxFormNames(const TOLA_SIGNAL_BOX_S& files, BoxNames& names) {
 }
 
 void BoxKeepLastRun(const BoxNames& names) {
-  const int64_t size = SizeOfRegular(names.crash);  // a link is not followed and not kept
+  const int64_t size = SizeOfRegular(names.crash);  // a link of either kind is not followed and not kept
   if (size > kBoxKeptBytes) {
     LOG_EVT(kLogModule, "del file:%s", names.crash);
     (void)remove(names.crash);  // whoever makes the next one sees when it is still there
@@ -79,7 +86,7 @@ void BoxKeepLastRun(const BoxNames& names) {
   }
   if (size <= 0) return;
   // At a first crash there is nothing that a backup could be made of.
-  if (names.backup[0] != '\0' && SizeOfRegular(names.exception) >= 0) {
+  if (names.backup[0] != '\0' && IsRegular(names.exception)) {
     (void)Move(names.exception, names.backup);  // the newer record matters more
   }
   if (!Move(names.crash, names.exception)) return;
