@@ -64,7 +64,6 @@ void MoveToBackup() {
 void TurnOver() {
   if (WriteCurrent(kEndMarker, g_files.offset) == WriteResult::kFailed)
     PrintFileError(errno, LogBaseName(__FILE__), __LINE__);
-  SaveFullRecord();
   if (g_files.overwrite) {
     BackupFileToSpecificPath(g_files.names.current);
     (void)WriteFreshHead(kFirstOffset);  // reported there; the record is tried all the same
@@ -85,6 +84,14 @@ void OpenForNextRecord() {
   } else {
     g_files.offset = 0;
   }
+}
+
+/// Saved with each record, since nobody knows how the process ends; no more once the count has reached the
+/// size.
+void CountBytes(uint32_t length, uint32_t maxSize) {
+  const uint64_t added = uint64_t{g_files.addSize} + length;
+  const auto count = static_cast<uint32_t>(added < maxSize ? added : maxSize);
+  if (g_files.addSize.exchange(count) != count) SaveFullRecord();
 }
 
 void WriteLine(const Record& record, std::string_view line) {
@@ -190,8 +197,7 @@ void WriteArm9LogTofile(const runlog::Record& record) {
     return;
   }
   const uint32_t maxSize = g_files.maxSize;
-  const uint64_t added = uint64_t{g_files.addSize} + length;
-  g_files.addSize = static_cast<uint32_t>(added < maxSize ? added : maxSize);
+  runlog::CountBytes(length, maxSize);
   if (uint64_t{g_files.offset} + length + runlog::kEndMarker.size() > maxSize) runlog::TurnOver();
   runlog::WriteLine(record, {line, length});
 }
@@ -211,7 +217,6 @@ void BackupFileToSpecificPath(const char* path) {
 void CheckRunLogFileExist(uint32_t now) {
   if (now - runlog::g_lastExistCheck < runlog::kExistCheckSeconds) return;
   runlog::g_lastExistCheck = now;
-  SaveFullRecord();
   const base::UniqueFd fd(open(g_files.names.current, runlog::kOpenFlags));
   if (fd) return;
   printf("%s is not exist!", g_files.names.current);

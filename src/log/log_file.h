@@ -43,8 +43,8 @@ void WriteArm9LogTofile(const runlog::Record& record);
 /// Copies `path` to the place registered for it, if there is one.
 void BackupFileToSpecificPath(const char* path);
 
-/// Once an hour: forgets a current file that was deleted, and saves the byte count. `now` is in seconds since
-/// 1970; a clock that goes back makes it look at once.
+/// Once an hour: forgets a current file that was deleted. `now` is in seconds since 1970; a clock that goes
+/// back makes it look at once.
 void CheckRunLogFileExist(uint32_t now);
 /// The hour begins now.
 void RestartExistCheck(uint32_t now);
