@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "base/owners.h"
 #include "base/result_codes.h"
 #include "log/file_public.h"
@@ -76,14 +78,18 @@ void TurnOver() {
   g_files.offset = 0;
 }
 
-/// A file for the records after the one that found none.
+/// A file for the records after the one that found none. It begins at 0 where it is made; one that is there
+/// all the same, because it could not be opened for a while, goes on behind its lines.
 void OpenForNextRecord() {
   if (CreatRunLogFile() != kSuccess) return;
   if (g_files.overwrite) {
     (void)WriteFreshHead(kFirstOffset);  // reported there
-  } else {
-    g_files.offset = 0;
+    return;
   }
+  struct stat info = {};
+  const bool isKnown = fstat(fileno(g_files.file), &info) == 0;
+  const int64_t size = isKnown ? int64_t{info.st_size} : 0;
+  g_files.offset = static_cast<uint32_t>(std::min(size, int64_t{g_files.maxSize}));
 }
 
 /// Saved with each record, since nobody knows how the process ends; no more once the count has reached the
