@@ -147,7 +147,7 @@ void IpcReassembly::Age() {
   APP_MSG_FRAME_NODE_S** link = &head_;
   while (*link != nullptr) {
     APP_MSG_FRAME_NODE_S& node = **link;
-    if (++node.age < kAgeMax) {
+    if (++node.age <= kAgeMax) {
       link = &node.next;
       continue;
     }

@@ -59,7 +59,7 @@ struct APP_MSG_FRAME_NODE_S {
 };
 
 /// Builds messages from frames, those of several senders and messages in any mixture. At most 64 messages of
-/// 64 MiB together are under way; what never gets its last frame goes after 1500 ticks. For one thread.
+/// 64 MiB together are under way; what is older than 1500 ticks without its last frame goes. For one thread.
 class IpcReassembly {
  public:
   static constexpr uint32_t kMessagesMax = 64;

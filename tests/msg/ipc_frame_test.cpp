@@ -131,7 +131,7 @@ TEST_F(IpcFrameTest, FirstFramesAloneTakeNoMoreThanTheirShareAndGoAfter1500Ticks
   for (; first.sequence < 64; ++first.sequence) EXPECT_EQ(Take(first), 0u);
   EXPECT_EQ(Take(first), kIpcErrNode);
   EXPECT_EQ(Take(frames[0]), 0u) << "a message that starts again takes its own place";
-  for (int tick = 0; tick < 1499; ++tick) reassembly_->Age();
+  for (int tick = 0; tick < 1500; ++tick) reassembly_->Age();
   EXPECT_EQ(reassembly_->messages(), 64u);
   EXPECT_TRUE(log_.Lines().empty());
   reassembly_->Age();
