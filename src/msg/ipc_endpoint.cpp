@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
+#include <sys/msg.h>
 #include <unistd.h>
 
 #include "base/result_codes.h"
@@ -17,6 +18,7 @@ namespace {
 
 constexpr uint16_t kLogModule = 0;
 constexpr key_t kNoKey = -1;
+constexpr int kMode = 0600;
 constexpr char kAppFolder[] = "/app_run/app_bin/";
 constexpr char kAppFolderKey[] = "run.appload_bin";
 
@@ -51,6 +53,18 @@ uint32_t OpenSemaps(const char* name, IpcEndpoint* endpoint) {
 }
 
 }  // namespace
+
+uint32_t IpcOwnQueueMake(const char* name, int32_t* queueId) {
+  const key_t key = OwnKey(name);
+  const int32_t made = key != kNoKey ? msgget(key, IPC_CREAT | IPC_EXCL | kMode) : -1;
+  if (made < 0) return kFailure;
+  if (ChangeQueenOwner(made, kIpcOwner) != 0) {
+    (void)IpcQueueRemove(made);  // for the next attempt
+    return kFailure;
+  }
+  *queueId = made;
+  return kSuccess;
+}
 
 uint32_t IpcMainQueueOpen(int32_t* queueId) {
   const key_t key = ftok(kIpcMainPath, kIpcProject);

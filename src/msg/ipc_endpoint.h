@@ -19,5 +19,9 @@ struct IpcEndpoint {
 /// @retval kIpcErrSemap @retval 1 the own queue or semaphore could not be handed to the platform's account
 [[nodiscard]] uint32_t IpcEndpointOpen(const char* name, IpcEndpoint* endpoint);
 
+/// Makes the own queue of the application `name` again, which has been removed. One that is there again is
+/// somebody else's by now and left alone. @retval 1 it cannot be had; `*queueId` is as before
+[[nodiscard]] uint32_t IpcOwnQueueMake(const char* name, int32_t* queueId);
+
 /// The main process's queue, opened again when it has been removed. @retval 1 it cannot be had
 [[nodiscard]] uint32_t IpcMainQueueOpen(int32_t* queueId);

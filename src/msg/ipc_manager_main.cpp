@@ -105,8 +105,22 @@ void CIpcManager::SendHeartBeat() {
   if (SendToMain(kIpcHeartBeat, &beat, sizeof(beat), IpcWait::kNever) == 0) beatSentAt_ = QueueSecond();
 }
 
+/// Without the own queue, which somebody may have removed, this process hears nobody: one that is made again
+/// has to be registered.
+void CIpcManager::KeepOwnQueue() {
+  IpcQueueState state = {};
+  if (IpcQueueStateGet(endpoint_.queueId, &state) == 0 || (errno != EINVAL && errno != EIDRM)) return;
+  if (IpcOwnQueueMake(info_.name, &endpoint_.queueId) != 0) return;
+  LOG_ERR(kLogModule, "own queue removed, made again:App@%d", endpoint_.queueId);
+  reader_ = IpcQueueReader(endpoint_.queueId);
+  (void)registry_.Init({endpoint_.queueId, endpoint_.semapId, pid_});  // its semaphore is there
+  registry_.ForgetMain();
+  registeredAt_ = -1;  // what lies unread there tells of the old one
+}
+
 /// Once a second: sees to it that the main process knows this process, and knows it right.
 void CIpcManager::WatchMain() {
+  KeepOwnQueue();
   IpcQueueState state = {};
   const int32_t queueId = mainQueueId_.load(std::memory_order_relaxed);
   if (IpcQueueStateGet(queueId, &state) != 0) {

@@ -269,7 +269,7 @@ TEST_F(IpcManagerTest, D_ForgedSourcesAndRestartRequests) {
   EXPECT_EQ(asked(), "program");
 }
 
-TEST_F(IpcManagerTest, D_PublicSemaphoreThatWasRemovedIsRaisedAgain) {
+TEST_F(IpcManagerTest, D_WhatSomebodyRemovedIsMadeAgain) {
   int32_t id = kSemapNone;
   ASSERT_EQ(CreateSemap(kSemapPublicKey, &id), 0u);
   ASSERT_EQ(DeleteSemap(id), 0u);
@@ -277,6 +277,9 @@ TEST_F(IpcManagerTest, D_PublicSemaphoreThatWasRemovedIsRaisedAgain) {
     (void)s_main->Next();  // room for the next heart beat
     return CreateSemap(kSemapPublicKey, &id) == 0 && GetSemapVal(id) > 0;
   }));
+  ASSERT_EQ(IpcQueueRemove(static_cast<int32_t>(s_registered.queueId)), 0u);
+  memcpy(&s_registered, TolaMsgData(s_main->Await(kIpcRegister).get()), sizeof(s_registered));
+  EXPECT_EQ(SendHere(Acknowledge(g_pid)), 0u) << "the process is deaf until it is started again";
 }
 
 TEST_F(IpcManagerTest, E_RegistersAgainWithAMainProcessThatTookOver) {
