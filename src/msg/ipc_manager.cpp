@@ -50,17 +50,27 @@ uint32_t CIpcManager::Init(const TOLA_APP_REG_INFO_S* info) {
   if (strnlen(info->name, sizeof(info->name)) == sizeof(info->name)) return kFailure;
   const std::lock_guard lock(initMutex_);
   if (IsInit()) return kSuccess;
-  info_ = *info;
-  info_.version[sizeof(info_.version) - 1] = '\0';
-  moduleId_ = info->module != nullptr ? info->module->moduleId : 0;
-  info_.module = nullptr;  // it is the caller's
-  pid_ = static_cast<uint32_t>(getpid());
-  const uint32_t ret = Build();
-  if (ret != 0) MsgMgrRegAppIpcMsgFun(nullptr, nullptr, nullptr);
+  uint32_t ret = taskId_ == 0 ? Build(*info) : kSuccess;  // else an earlier call's task works with it
+  if (ret != 0) return ret;
+  // Registry first: a message may leave as soon as the hooks are known.
+  MsgMgrRegAppIpcMsgFun(GetChannel, RegAppSendMsg, TolaFeatureAppModuleIDChangeNotify);
+  NoteRegisteredModules();
+  (void)RegAppInfo();  // sent again once a second until it is acknowledged
+  ret = StartTasks();
+  if (ret == 0) {
+    ready_.store(true, std::memory_order_release);
+  } else {
+    MsgMgrRegAppIpcMsgFun(nullptr, nullptr, nullptr);
+  }
   return ret;
 }
 
-uint32_t CIpcManager::Build() {
+uint32_t CIpcManager::Build(const TOLA_APP_REG_INFO_S& info) {
+  info_ = info;
+  info_.version[sizeof(info_.version) - 1] = '\0';
+  moduleId_ = info.module != nullptr ? info.module->moduleId : 0;
+  info_.module = nullptr;  // it is the caller's
+  pid_ = static_cast<uint32_t>(getpid());
   uint32_t memHandle = 0;
   if (KEL_HandleInitialize("IPCMGR", &memHandle) != 0) return kIpcErrHandle;
   uint32_t ret = IpcEndpointOpen(info_.name, &endpoint_);
@@ -71,16 +81,7 @@ uint32_t CIpcManager::Build() {
   reassembly_.SetMemHandle(memHandle);
   ret = classes_.Init(memHandle);
   if (ret != 0) return ret;
-  ret = registry_.Init({endpoint_.queueId, endpoint_.semapId, pid_});
-  if (ret != 0) return ret;
-  // Registry first: a message may leave as soon as the hooks are known.
-  MsgMgrRegAppIpcMsgFun(GetChannel, RegAppSendMsg, TolaFeatureAppModuleIDChangeNotify);
-  NoteRegisteredModules();
-  ret = StartTasks();
-  if (ret != 0) return ret;
-  ready_.store(true, std::memory_order_release);
-  (void)RegAppInfo();  // sent again once a second until it is acknowledged
-  return kSuccess;
+  return registry_.Init({endpoint_.queueId, endpoint_.semapId, pid_});
 }
 
 /// Modules that registered before there was a hook to tell of them.
@@ -92,14 +93,17 @@ void CIpcManager::NoteRegisteredModules() {
   }
 }
 
+/// A call after one that failed starts what is missing: none of it can be taken back.
 uint32_t CIpcManager::StartTasks() {
-  if (KEL_SemaCreate("IpcReaderPark", 0, 0, &parkSema_) != 0) return kIpcErrTask;
+  if (parkSema_ == 0 && KEL_SemaCreate("IpcReaderPark", 0, 0, &parkSema_) != 0) return kIpcErrTask;
   const KelTaskEntry run = [](uintptr_t, uintptr_t, uintptr_t, uintptr_t) { GetInstance().Run(); };
-  if (KEL_TaskCreate("IPCMGR", &taskId_, run, kTaskPriority, 0, 0, nullptr) != 0) return kIpcErrTask;
+  if (taskId_ == 0 && KEL_TaskCreate("IPCMGR", &taskId_, run, kTaskPriority, 0, 0, nullptr) != 0)
+    return kIpcErrTask;
   const KelTimerCallback tick = [](uintptr_t taskId) {
     (void)KEL_EventWrite(static_cast<uint32_t>(taskId), kIpcEventTimer);  // fails only without the task
   };
-  if (KEL_ReltmrCbkStart(kTimerMs, kKelTimerRepeat, tick, taskId_, &timerId_) != 0) return kIpcErrTimer;
+  if (timerId_ == 0 && KEL_ReltmrCbkStart(kTimerMs, kKelTimerRepeat, tick, taskId_, &timerId_) != 0)
+    return kIpcErrTimer;
   const KelTaskEntry read = [](uintptr_t, uintptr_t, uintptr_t, uintptr_t) { GetInstance().ReadQueueTask(); };
   return KEL_TaskCreate("IPCREAD", &readerTaskId_, read, kTaskPriority, 0, 0, nullptr) == 0 ? kSuccess
                                                                                             : kIpcErrTask;

@@ -36,7 +36,7 @@ struct TOLA_APP_REG_INFO_S {
 
 /// Brings the manager up; the message manager must be. Registration with the main process goes on in the
 /// background until it is acknowledged, so a main process that is not there yet is no failure. A second call
-/// returns 0 and changes nothing.
+/// returns 0 and changes nothing; after a failure it may be called again.
 /// @retval kIpcErrHandle @retval kIpcErrMainQueue @retval kIpcErrOwnKey @retval kIpcErrOwnQueue
 /// @retval kIpcErrRemove @retval kIpcErrSemap @retval kIpcErrTableSema @retval kIpcErrTask
 /// @retval kIpcErrTimer

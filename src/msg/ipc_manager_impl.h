@@ -52,7 +52,7 @@ class CIpcManager {
   CIpcManager() = default;
 
   // Start-up.
-  uint32_t Build();
+  uint32_t Build(const TOLA_APP_REG_INFO_S& info);
   uint32_t StartTasks();
   void NoteRegisteredModules();
 
@@ -73,6 +73,7 @@ class CIpcManager {
   void OnTick();
   void ProcAppArmRestart();
   void WatchMain();
+  void KeepOwnQueue();
   void KeepHeartBeat(bool second);
 
   // The reader task.
