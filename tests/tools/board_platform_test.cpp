@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -396,6 +397,12 @@ TEST(ProcessControl, ProcessIsKnownEndedAndStartedAgainAsWhoeverRanItWithItsArgu
   ProcessImage stranger = image;
   ++stranger.startTicks;
   SignalProcess(stranger, SIGKILL);
+  rlimit files = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
+  const rlimit none = {0, files.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_TRUE(ProcessIsAlive(image)) << "without a descriptor it would be started a second time";
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0);
   SignalProcess(image, SIGTERM);
   while (ProcessIsAlive(image)) (void)usleep(1000);  // it waits for its parent, and counts as gone
   int status = 0;

@@ -1,5 +1,6 @@
 #include "board_main/process_control.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <limits.h>
@@ -59,6 +60,15 @@ bool ReadStat(pid_t pid, char& state, unsigned long long& startTicks) {
   return true;
 }
 
+/// Whether the very process of `image` runs; `unread` when it is there but cannot be looked at, which may be
+/// this process's own trouble.
+bool Runs(const ProcessImage& image, bool unread) {
+  char state = 0;
+  unsigned long long startTicks = 0;
+  if (!ReadStat(image.pid, state, startTicks)) return unread && (kill(image.pid, 0) == 0 || errno != ESRCH);
+  return startTicks == image.startTicks && state != 'Z' && state != 'X';
+}
+
 /// The first number of a row, `head` with the line end before it.
 bool ReadRow(const std::string& status, const char* head, uint32_t& number) {
   const size_t at = status.find(head);
@@ -114,14 +124,11 @@ bool ReadProcessImage(pid_t pid, ProcessImage& image) {
 }
 
 bool ProcessIsAlive(const ProcessImage& image) {
-  char state = 0;
-  unsigned long long startTicks = 0;
-  return ReadStat(image.pid, state, startTicks) && startTicks == image.startTicks && state != 'Z' &&
-         state != 'X';
+  return Runs(image, true);  // one that runs and is taken for gone would be started twice
 }
 
 void SignalProcess(const ProcessImage& image, int signal) {
-  if (ProcessIsAlive(image)) (void)kill(image.pid, signal);
+  if (Runs(image, false)) (void)kill(image.pid, signal);  // never a later process of the same id
 }
 
 pid_t StartProcess(const ProcessImage& image) {

@@ -22,7 +22,8 @@ struct ProcessImage {
 
 /// False when there is no such process, or it may not be looked at.
 [[nodiscard]] bool ReadProcessImage(pid_t pid, ProcessImage& image);
-/// Whether the very process runs; one that has ended and waits for its parent does not.
+/// Whether the very process runs; one that has ended and waits for its parent does not. True for one of its
+/// id that cannot be looked at now, for want of a descriptor for instance.
 [[nodiscard]] bool ProcessIsAlive(const ProcessImage& image);
 /// Sends `signal` to it, if it is still that process.
 void SignalProcess(const ProcessImage& image, int signal);
