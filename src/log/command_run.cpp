@@ -45,6 +45,7 @@ struct ChildPlan {
   const char* program;
   char* const* arguments;
   const Identity* identity;  ///< null: stays who it is
+  bool endsWhenStopped;      ///< a stop ends it and is its status
 };
 
 struct ChildEnd {
@@ -121,6 +122,10 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) pid_t S
   _exit(kExitNotStarted);
 }
 
+bool WaitFor(pid_t pid, int& status, int options) {
+  return TEMP_FAILURE_RETRY(waitpid(pid, &status, options)) == pid;
+}
+
 ChildEnd RunChild(const ChildPlan& plan, const sigset_t& mask) {
   // A child may raise them before they are ignored; from then on a blocked one would be kept, not dropped.
   std::optional<SignalBlock> untilIgnored(std::in_place, {SIGINT, SIGQUIT});
@@ -132,11 +137,12 @@ ChildEnd RunChild(const ChildPlan& plan, const sigset_t& mask) {
   const SignalHandling noQuit(SIGQUIT, SIG_IGN);
   untilIgnored.reset();
   int status = 0;
-  pid_t ended;
-  do {
-    ended = waitpid(pid, &status, 0);
-  } while (ended < 0 && errno == EINTR);
-  if (ended != pid) return {false, 0, errno};
+  if (!WaitFor(pid, status, plan.endsWhenStopped ? WUNTRACED : 0)) return {false, 0, errno};
+  if (WIFSTOPPED(status)) {
+    (void)kill(pid, SIGKILL);  // a stopped one would be nobody's, and go on with its work when continued
+    int ending = 0;
+    (void)WaitFor(pid, ending, 0);
+  }
   return {true, status, startError};
 }
 
@@ -151,7 +157,7 @@ uint32_t RunShell(const char* command, const Identity* identity, bool logsText) 
                              nullptr};
   const SignalBlock blocked{SIGCHLD};
   const SignalHandling reapable(SIGCHLD, SIG_DFL);  // an ignored SIGCHLD would take the child's status away
-  const ChildEnd end = RunChild({"sh", arguments, identity}, blocked.old());
+  const ChildEnd end = RunChild({"sh", arguments, identity, false}, blocked.old());
   if (end.waited && end.status == 0) return 0;
 
   if (end.waited) {
@@ -177,7 +183,7 @@ uint32_t RunProgram(const Caller& caller, char* const* arguments) {
   const char* program = arguments[0];
   const ChildEnd end = [&] {
     const SignalBlock blocked{SIGCHLD};
-    return RunChild({program, arguments, nullptr}, blocked.old());
+    return RunChild({program, arguments, nullptr, true}, blocked.old());
   }();
   if (!end.waited) {
     CALLER_ERR(caller, "excev err:%d, %s", end.error, program);

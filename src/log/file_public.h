@@ -47,7 +47,8 @@ inline constexpr char kScriptFolder[] = "/app_run/app_bin/script/";
 /// Runs `command` without a shell, split by ParseCmdArg, its program found on the path. `file` and `line` are
 /// the caller's and appear in the log lines; `shownText` (may be null) is logged instead of a command that
 /// holds a sensitive word.
-/// @retval 0 exit code 0 @retval 1 not started, killed, stopped, or a command that is null or only blanks
+/// @retval 0 exit code 0 @retval 1 not started, killed, stopped (and then ended), or a command that is null
+/// or only blanks
 /// @retval kCmdErrText, kCmdErrArgCount refused @retval other the exit code (127: the program was not found)
 [[nodiscard]] uint32_t tola_excev(const char* file, uint32_t line, const char* command,
                                   const char* shownText);

@@ -121,9 +121,9 @@ TEST_F(CommandTest, VectorWayGivesTheExitCodeAndNamesTheCaller) {
 
   // Without the test's folder, whose random name may hold a sensitive word.
   const std::tuple<const char*, const char*, uint32_t, std::string> rows[] = {
-      {"true", nullptr, 0, ""},
       {"/bin/sh -c \"exit 2\"", nullptr, 2, "excev err:2,[0-9]+,/bin/sh excev err:/bin/sh -c \"exit 2\" "},
       {"/bin/sh -c \"kill -9 $$\"", nullptr, 1, "excev abnormal:9,.* excev err:/bin/sh -c .* "},
+      {"/bin/sh -c \"kill -STOP $$\"", nullptr, 1, "excev stopped:19,.* excev err:/bin/sh -c .* "},
       {"/no/such-program", nullptr, 127, "excev err:127,.* excev err:/no/such-program "},
       {"false pass", "login", 1, "excev err:1,0,false excev err:login "},  // not errno as the search left it
       {"false pass", nullptr, 1, "excev err:1,[0-9]+,false "},
