@@ -14,7 +14,6 @@
 #include "frame/public_file_cfg.h"
 #include "log/file_public.h"
 #include "securec.h"
-#include "update/file_name_check.h"
 #include "velto/kel_mem.h"
 
 namespace {
@@ -78,7 +77,7 @@ bool CheckLineValidPath(const char* line) {
 }
 
 void CreateDirWhenNotExist(char* dir) {
-  if (CheckFileNameSpecialChar(dir, static_cast<uint32_t>(strlen(dir)), nullptr, true) != 0) {
+  if (CheckSpecialCharWithWhiteList(dir, nullptr) != 0) {
     (void)printf("Check path error: %d\n", 1);
     return;
   }
