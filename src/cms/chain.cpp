@@ -108,27 +108,38 @@ ChainChecker::ChainChecker(const PkiStore& store, STACK_OF(X509) * extras, const
 
 uint32_t ChainChecker::Check(X509* signer) const {
   const StoreCtxPtr ctx(X509_STORE_CTX_new());
-  if (!ctx || !empty_ || X509_STORE_CTX_init(ctx.get(), empty_.get(), signer, untrusted_.get()) != 1) {
+  const uint32_t code = Verify(ctx.get(), signer);
+  return code == kSuccess ? CheckRules(X509_STORE_CTX_get0_chain(ctx.get())) : code;
+}
+
+uint32_t ChainChecker::CheckAnchors() const {
+  for (int i = 0; i < sk_X509_num(anchors_.get()); ++i) {
+    X509* anchor = sk_X509_value(anchors_.get(), i);
+    if (X509_self_signed(anchor, 0) != 1) continue;
+    const StoreCtxPtr ctx(X509_STORE_CTX_new());
+    const uint32_t code = Verify(ctx.get(), anchor);
+    if (code != kSuccess && code != kSigvfyErrRevoked) return code;
+  }
+  return kSuccess;
+}
+
+uint32_t ChainChecker::Verify(X509_STORE_CTX* ctx, X509* cert) const {
+  if (ctx == nullptr || !empty_ || X509_STORE_CTX_init(ctx, empty_.get(), cert, untrusted_.get()) != 1) {
     return Report(kSigvfyErrCrypto);
   }
-  X509_STORE_CTX_set0_trusted_stack(ctx.get(), anchors_.get());
-  X509_STORE_CTX_set0_crls(ctx.get(), crls_.get());
-  X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(ctx.get());
+  X509_STORE_CTX_set0_trusted_stack(ctx, anchors_.get());
+  X509_STORE_CTX_set0_crls(ctx, crls_.get());
+  X509_VERIFY_PARAM* param = X509_STORE_CTX_get0_param(ctx);
   X509_VERIFY_PARAM_set_auth_level(param, kAuthLevel);
   X509_VERIFY_PARAM_set_depth(param, kMaxIntermediates);
   if (X509_VERIFY_PARAM_set_flags(param, kVerifyFlags) != 1) return Report(kSigvfyErrCrypto);
-  X509_STORE_CTX_set_verify_cb(ctx.get(), OnError);
+  X509_STORE_CTX_set_verify_cb(ctx, OnError);
   // The callback only reads through the pointer.
-  if (X509_STORE_CTX_set_app_data(ctx.get(), const_cast<ChainChecker*>(this)) != 1)
-    return Report(kSigvfyErrCrypto);
-
-  if (X509_verify_cert(ctx.get()) != 1) {
-    const int error = X509_STORE_CTX_get_error(ctx.get());
-    const Complaint complaint(X509_verify_cert_error_string(error),
-                              X509_STORE_CTX_get_current_cert(ctx.get()));
-    return Report(CodeOf(error), complaint.text);
-  }
-  return CheckRules(X509_STORE_CTX_get0_chain(ctx.get()));
+  if (X509_STORE_CTX_set_app_data(ctx, const_cast<ChainChecker*>(this)) != 1) return Report(kSigvfyErrCrypto);
+  if (X509_verify_cert(ctx) == 1) return kSuccess;
+  const int error = X509_STORE_CTX_get_error(ctx);
+  const Complaint complaint(X509_verify_cert_error_string(error), X509_STORE_CTX_get_current_cert(ctx));
+  return Report(CodeOf(error), complaint.text);
 }
 
 int ChainChecker::OnError(int ok, X509_STORE_CTX* ctx) {

@@ -27,7 +27,12 @@ class ChainChecker {
   /// kSigvfyErrTime, kSigvfyErrUsage @retval kSigvfyErrCrypto libcrypto failed
   [[nodiscard]] uint32_t Check(X509* signer) const;
 
+  /// Whether the lists cover the self-signed anchors, as every path to one requires. One that its list
+  /// revokes is covered, one without a list passes. @retval 0 @retval other as above
+  [[nodiscard]] uint32_t CheckAnchors() const;
+
  private:
+  [[nodiscard]] uint32_t Verify(X509_STORE_CTX* ctx, X509* cert) const;
   [[nodiscard]] uint32_t CheckRules(STACK_OF(X509) * chain) const;
   [[nodiscard]] uint32_t CheckCrlTime(const X509_CRL* crl) const;
   static int OnError(int ok, X509_STORE_CTX* ctx);

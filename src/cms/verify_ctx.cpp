@@ -173,6 +173,14 @@ uint32_t SigvfyVerifyAddCrlFile(SigvfyCtx* ctx, const char* path) {
   });
 }
 
+uint32_t SigvfyCheckAnchorCrls(SigvfyCtx* ctx) {
+  const uint32_t code = cms::CheckCtx(ctx);
+  if (code != kSuccess) return code;
+  const ErrorQueueGuard guard;
+  return cms::Contained(
+      [&] { return cms::ChainChecker(*ctx->store, nullptr, cms::CurrentVerifyTime()).CheckAnchors(); });
+}
+
 uint32_t SigvfyResetCert(SigvfyCtx* ctx, uint32_t reserved) {
   const uint32_t code = cms::CheckCtx(ctx);
   if (code != kSuccess) return code;

@@ -73,6 +73,13 @@ void SigvfyVrfCtxFree(SigvfyCtx* ctx);
 /// arguments and the file
 [[nodiscard]] uint32_t SigvfyVerifyAddCrlFile(SigvfyCtx* ctx, const char* path);
 
+/// Whether the lists of the context serve for its self-signed anchors: one of a part of the certificates, or
+/// with a critical extension that nobody knows, makes every path to its anchor fail. Times are not looked at.
+/// @retval 0 they do, or an anchor has none @retval kSigvfyErrUncovered, kSigvfyErrChain,
+/// kSigvfyErrCrlSignature
+/// @retval other of the argument, kSigvfyErrMemory, kSigvfyErrCrypto
+[[nodiscard]] uint32_t SigvfyCheckAnchorCrls(SigvfyCtx* ctx);
+
 /// Empties the certificate store. `reserved` is 0. @retval 0 @retval kSigvfyErrArgument, kSigvfyErrSize
 [[nodiscard]] uint32_t SigvfyResetCert(SigvfyCtx* ctx, uint32_t reserved);
 /// Empties the revocation list store. @retval as above

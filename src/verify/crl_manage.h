@@ -75,8 +75,9 @@ struct CRL_COMPARE_STATE_S {
 /// Puts the list at `crlPath` in place of the stored one of `caType`. The stored one is there afterwards, old
 /// or new, whatever fails. What could not serve as a stored list is refused: a list that the type's root
 /// alone does not authenticate (one that borrows its name from an extra certificate), one from the future (no
-/// genuine list could ever replace it), and a file with a list of another type's root (nobody compares its
-/// age).
+/// genuine list could ever replace it), one of a part of the certificates or with a critical extension that
+/// nobody knows (no signature would pass with it until the next list), and a file with a list of another
+/// type's root (nobody compares its age).
 /// @retval 0 @retval 17673 a name or the command does not fit @retval 1 a name that no command may hold, a
 /// list that cannot be stored, or the replacement failed
 [[nodiscard]] uint32_t UpdateCrlFileToDevice(const char* crlPath, uint32_t caType);

@@ -115,6 +115,11 @@ bool IsStorable(const char* crlPath, uint32_t caType) {
     LOG_ERR(kVerifyLogModule, "crl is from the future:%s", crlPath);
     return false;
   }
+  if (SigvfyVerifyAddCrlFile(context.get(), crlPath) != kSuccess ||
+      SigvfyCheckAnchorCrls(context.get()) != kSuccess) {
+    LOG_ERR(kVerifyLogModule, "crl does not cover its root:%s", crlPath);
+    return false;
+  }
   for (uint32_t type = 0; type < GetSignatureRootCASupportNum(); ++type) {
     const TOLA_ROOT_CA_S other = GetRootCa(type);
     if (type == caType || other.length == 0) continue;

@@ -198,6 +198,8 @@ Bytes MakeCrl(const Identity& issuer, const CrlSpec& spec) {
   AddCrlNumber(crl.get(), NID_delta_crl, spec.deltaBase, true);
   AddExtension(crl.get(), X509_CRL_add_ext, issuer.cert.get(), static_cast<X509*>(nullptr),
                NID_authority_key_identifier, spec.keyId ? "keyid:always" : "");
+  AddExtension(crl.get(), X509_CRL_add_ext, issuer.cert.get(), static_cast<X509*>(nullptr),
+               NID_issuing_distribution_point, spec.scope);
   Require(
       X509_CRL_sort(crl.get()) == 1 && X509_CRL_sign(crl.get(), issuer.key.get(), DigestOf(spec.digest)) > 0,
       "revocation list signature");

@@ -67,6 +67,7 @@ struct CrlSpec {
   std::vector<uint64_t> revoked = {};      ///< serial numbers
   std::string digest = "SHA256";
   std::optional<int64_t> deltaBase = {};  ///< makes it a delta list
+  std::string scope = {};                 ///< as in OpenSSL configuration files, the certificates it is for
   bool keyId = false;                     ///< names the issuer's key
 };
 

@@ -39,6 +39,7 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
   const std::string future = List(-400), foreign = Text(MakeCrl(foreignPki.root, {.number = 9}));
   const std::string expired = Text(
       MakeCrl(pki_.root, {.thisUpdate = testpki::Now() - 20 * kDay, .nextUpdate = testpki::Now() - kDay}));
+  const std::string partial = Text(MakeCrl(pki_.root, {.scope = "critical,onlyuser:TRUE"}));
   std::string forged = newer;
   forged.back() = static_cast<char>(forged.back() ^ 1);
   const std::tuple<const char*, std::string, std::string, uint32_t, std::string> cases[] = {
@@ -47,6 +48,7 @@ TEST_F(CrlManageTest, TheNewestValidListWinsOnBothSides) {
       {"first list is a foreign root's", none, foreign, 50997, none},
       {"first list is from the future: none of today could follow it", none, future, 50997, none},
       {"newer, but from the future", older, future, 50997, older},
+      {"newer, but for a part of the certificates: nothing passes with it", older, partial, 50997, older},
       {"stored alone", older, none, 0, older},
       {"newer", older, newer, 0, newer},
       {"older: the stored one overwrites it", newer, older, 0, newer},
