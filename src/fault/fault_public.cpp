@@ -25,8 +25,9 @@ char g_leakPath[kFaultPathSize];
 std::atomic<FaultExportFileHook> g_exportHook = nullptr;
 
 uint32_t KeepPath(char (&kept)[kFaultPathSize], const char* path) {
-  if (path == nullptr || strcpy_s(kept, sizeof(kept), path) != EOK) return kErrTextCopy;
-  return kSuccess;
+  // One that does not fit would clear what is kept.
+  if (path == nullptr || strnlen(path, sizeof(kept)) == sizeof(kept)) return kErrTextCopy;
+  return strcpy_s(kept, sizeof(kept), path) == EOK ? kSuccess : kErrTextCopy;
 }
 
 /// What is out from one place of the sources.

@@ -71,8 +71,9 @@ TEST(FaultLeakDump, TellsWhatIsOutByPlaceAndFollowsNoLink) {
   for (void*& block : blocks) block = KEL_MemAlloc_F(handle, 0, 100, "somewhere.cpp", 42);
   KEL_MemFree_F(blocks[2], "test", 1);
 
-  EXPECT_EQ(TOLA_MemLeakDump(dir.File("dump").c_str()), 0u);
-
+  ASSERT_EQ(TOLA_SetMemLeakRecordPath(dir.File("dump").c_str()), 0u);
+  EXPECT_NE(TOLA_SetMemLeakRecordPath(std::string(101, 'x').c_str()), 0u);
+  EXPECT_EQ(TOLA_MemLeakDump(nullptr), 0u) << "the path that was taken stays";
   EXPECT_THAT(support::ReadFile(dir.File("dump")),
               testing::HasSubstr("leaky somewhere.cpp:42 blocks:2 bytes:200\n"));
   EXPECT_EQ(support::ReadFile(dir.File("victim")), "kept");
