@@ -1,5 +1,6 @@
-/// What is checked before a package is unpacked: that every member has a safe name, and that the memory holds
-/// what the package unpacks to. The name rules also serve alone for paths that a shell command will carry.
+/// What can be checked before a package is unpacked: that every member has a safe name, and that the memory
+/// holds what the package unpacks to. The script executor asks for the names alone. The name rules also serve
+/// for paths that a shell command will carry.
 ///
 /// Free functions without state, for any thread. Packages are judged through the listings of `tar` and
 /// `unzip`; nothing is changed on disk. Kind 0 is a gzip tar, kind 1 a zip; ".tar.gz" is looked for before
@@ -32,9 +33,9 @@
 /// @retval 0 every listed member is safe; also a path of no known kind, which is not examined, and a package
 /// that its tool cannot list: a tar could not be unpacked either, but one that is called a zip is not
 /// examined
-/// @retval 1 a member or the path is refused: characters, a leading '-', for a zip also blanks and what else
-/// would make more than one word of it in a shell @retval kErrFormat the command does not fit @retval
-/// kErrShift from CheckOneFileName
+/// @retval 1 a member is refused, or the path: characters, a leading '-', for a zip also blanks and what else
+/// would make more than one word of it in a shell; or no pipe @retval kErrFormat the command does not fit
+/// @retval kErrShift from CheckOneFileName
 [[nodiscard]] uint32_t CheckFileNameInCompressedPackage(const char* packagePath);
 
 /// Writes the command that lists a zip. @retval kErrFormat it does not fit `size` characters with terminator

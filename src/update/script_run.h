@@ -29,7 +29,8 @@ bool IsBankScript(const char* path);
                                            const char* extendPara, uint16_t cpuLimit);
 
 /// Limits the running script of this base name to `cpuLimit` percent; 0 does nothing. Looks for its process
-/// for two seconds. A failure is only logged: the script runs on unlimited.
+/// for two seconds; one without a "#!" line runs under the shell's name and is never found. A failure is only
+/// logged: the script runs on unlimited. So does one whose process id exceeds the driver's 16 bits.
 void LimitScriptRes(const char* scriptName, uint16_t cpuLimit);
 void ResCtrlByPid(const char* scriptName, int32_t pid, uint16_t cpuLimit);
 
