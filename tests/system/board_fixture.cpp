@@ -66,7 +66,8 @@ void Board::EndMain() const {
 }
 
 std::string Board::PidOf(const std::string& program) const {
-  const std::string pid = Exec({"pidof", program}).output;
+  const std::string pids = "set -- $(pidof " + program + "); [ $# -lt 2 ]";
+  const std::string pid = Shell("until " + pids + "; do sleep 0.02; done; echo $1").output;
   return pid.substr(0, pid.find('\n'));
 }
 

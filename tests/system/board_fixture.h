@@ -46,8 +46,8 @@ class Board {
   void StartDaemon() const;  ///< returns when it takes requests
   void StartMain() const;    ///< board_main; returns when it takes requests
   void EndMain() const;
-  /// What `pidof` gives: empty when the program does not run, and several while it becomes a daemon or starts
-  /// a command.
+  /// Process id of a program, empty when it does not run. Waits while there are several: it becomes a daemon
+  /// or starts a command.
   std::string PidOf(const std::string& program) const;
   /// The process id under which the main process knows the program; waits for another one than `before`.
   /// Empty when there is none in time.

@@ -12,25 +12,26 @@ using testing::HasSubstr;
 constexpr char kException[] = "/log/root_log/fault_manager_except_sys_info_update_active.tola";
 constexpr char kBackup[] = "/log/root_log/fault_manager_except_sys_info_update_active_back.tola";
 #ifdef TOLA_EMULATED  // the emulator has a thread of its own and maps the program where it was built
-constexpr char kCountTasks[] = "ls /proc/$(pidof update_active)/task | tail -n +2 | wc -l";
+constexpr char kCountTasks[] = "/task | tail -n +2 | wc -l";
 constexpr char kProgram[] = TOLA_BUILD_DIR "/bin/emulated/update_active";
 #else
-constexpr char kCountTasks[] = "ls /proc/$(pidof update_active)/task | wc -l";
+constexpr char kCountTasks[] = "/task | wc -l";
 constexpr char kProgram[] = "/app_run/app_bin/update_active";
 #endif
 
 TEST(CrashTest, EveryTaskStandsInTheExceptionFileOfTheNextStart) {
   const Board board;
   const auto end = [&board](const std::string& signal) {
-    board.Shell("kill -" + signal +
-                " $(pidof update_active); while pidof update_active; do sleep 0.05; done");
+    board.Shell("kill -" + signal + " " + board.PidOf("update_active") +
+                "; while pidof update_active; do sleep 0.05; done");
     board.StartDaemon();
     return board.Read(kException);
   };
   board.StartDaemon();
-  EXPECT_EQ(board.Shell("grep 'core file size  *0  *0 ' /proc/$(pidof update_active)/limits").status, 0)
+  const std::string process = "/proc/" + board.PidOf("update_active");
+  EXPECT_EQ(board.Shell("grep 'core file size  *0  *0 ' " + process + "/limits").status, 0)
       << "a core would hold more than the box";
-  const std::string tasks = board.Shell(kCountTasks).output;
+  const std::string tasks = board.Shell("ls " + process + kCountTasks).output;
   const std::string first = end("SEGV");
   EXPECT_THAT(first, HasSubstr("Exception Signal      : 11\n"));
   if (kSignalsReachWaits) {

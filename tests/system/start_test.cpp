@@ -9,17 +9,12 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr char kOut[] = "/log/update_active.out";
-
 class StartTest : public testing::Test {
  protected:
-  /// Starts the daemon after `change` on the board and returns what it printed once it is gone.
+  /// Starts the daemon after `change` on the board and returns what it printed until it was gone: only then
+  /// does nobody hold its output any more.
   std::string FailedStart(const std::string& change) {
-    EXPECT_EQ(board_.Shell(change + "; rm -f /log/update_active.out").status, 0);
-    board_.Shell(
-        "/app_run/app_bin/script/update_common.sh; while pidof update_active >/dev/null; do sleep 0.01; "
-        "done");
-    return board_.Read(kOut);
+    return board_.Shell(change + "; exec /app_run/app_bin/update_active").output;
   }
 
   Board board_;
@@ -36,10 +31,8 @@ TEST_F(StartTest, EachFailureBeforeTheLoopSaysWhereAndWhy) {
 }
 
 TEST_F(StartTest, StartedByItsBareNameItHasNoDirectory) {
-  board_.Shell(
-      "cd /app_run/app_bin && PLACED_AS=update_active update_active >/log/update_active.out 2>&1; "
-      "while pidof update_active >/dev/null; do sleep 0.01; done");
-  EXPECT_THAT(board_.Read(kOut), HasSubstr("set env fail:0x1"));
+  EXPECT_THAT(board_.Shell("cd /app_run/app_bin && PLACED_AS=update_active update_active").output,
+              HasSubstr("set env fail:0x1"));
 }
 
 TEST_F(StartTest, FailedStageEndsTheTableAndTheProcess) {
@@ -70,10 +63,7 @@ TEST_F(StartTest, StagesRunInTheOrderOfTheTable) {
 
 TEST_F(StartTest, SecondProcessOfTheNameEndsBeforeItTakesAnythingFromTheFirst) {
   board_.StartDaemon();
-  board_.Shell(
-      "first=$(pidof update_active); /app_run/app_bin/script/update_common.sh; "
-      "while [ \"$(pidof update_active)\" != $first ]; do sleep 0.01; done");
-  EXPECT_THAT(board_.Read(kOut), HasSubstr("= update_active runs already ="));
+  EXPECT_THAT(FailedStart(":"), HasSubstr("= update_active runs already ="));
   EXPECT_EQ(board_.Shell("grep -c 'PduVersion Init' /mnt/sub_bin/sys_log/update_active_run_log.log").output,
             "1\n");
 }
@@ -81,9 +71,9 @@ TEST_F(StartTest, SecondProcessOfTheNameEndsBeforeItTakesAnythingFromTheFirst) {
 TEST_F(StartTest, DaemonIsDetachedAndKeepsNoDescriptor) {
   EXPECT_EQ(board_.Shell("exec 7</etc/passwd; /app_run/app_bin/script/update_common.sh").status, 0);
   EXPECT_TRUE(board_.Comes("grep -q 'AfterComp, ret=0$' /mnt/sub_bin/sys_log/update_active_run_log.log"));
-  const auto facts = board_.Shell(
-      "p=$(pidof update_active); readlink /proc/$p/cwd; ls -l /proc/$p/fd | grep -c passwd;"
-      "cut -d' ' -f4,7 </proc/$p/stat; tr '\\0' '\\n' </proc/$p/environ | wc -l");
+  const auto facts = board_.Shell("p=" + board_.PidOf("update_active") +
+                                  "; readlink /proc/$p/cwd; ls -l /proc/$p/fd | grep -c passwd;"
+                                  "cut -d' ' -f4,7 </proc/$p/stat; tr '\\0' '\\n' </proc/$p/environ | wc -l");
   EXPECT_EQ(facts.output.rfind("/tmp\n0\n1 0\n", 0), 0u)
       << "working directory, inherited descriptors, parent and terminal:\n"
       << facts.output;
