@@ -33,6 +33,12 @@ struct TypeName {
   char text[sizeof(TOLA_COMP_TYPE_S::name) + 1] = {};
 };
 
+/// What a call answers that was given null.
+uint32_t RefuseNull(const char* call) {
+  COMP_LOG(kCompErr, "%s: null", call);
+  return kFailure;
+}
+
 bool IsModuleAComponent(uint16_t moduleId) {
   return CompManagerImpl::GetInstance().IsComponent(moduleId);
 }
@@ -101,7 +107,7 @@ void TolaCompRegIdAddNotify(TolaCompIdAddNotifyFunc notify) {
 }
 
 uint32_t TolaOsCompFrameInit(const TOLA_COMP_REG_BLOCK_S* block) {
-  if (block == nullptr) return kFailure;
+  if (block == nullptr) return RefuseNull(__func__);
   TOLA_COMP_DST_PROC_S local{};
   memcpy(local.ip, block->product.local.ip, sizeof(local.ip));
   local.procId = block->product.local.procId;
@@ -109,7 +115,10 @@ uint32_t TolaOsCompFrameInit(const TOLA_COMP_REG_BLOCK_S* block) {
   AppendLocalAddrs(block->product, local);
 
   const std::unique_ptr<TOLA_COMP_DST_PROC_S[]> dst(new (std::nothrow) TOLA_COMP_DST_PROC_S[kCompDstMax]);
-  if (dst == nullptr) return kFailure;
+  if (dst == nullptr) {
+    COMP_LOG(kCompErr, "nomem");
+    return kFailure;
+  }
   uint32_t dstNum = 0;
   for (const TOLA_COMP_REG_SET_S* set : {&block->product, &block->platform}) {
     for (uint32_t i = 0; i < std::min(set->dstNum, kCompDstMax) && dstNum < kCompDstMax; ++i) {
@@ -135,7 +144,7 @@ void TolaOsRegComps(const TOLA_COMP_REG_SET_S* set, uint32_t stage) {
 }
 
 uint32_t TolaOsKickOffComps(const TOLA_COMP_TYPE_S* type) {
-  if (type == nullptr) return kFailure;
+  if (type == nullptr) return RefuseNull(__func__);
   uint32_t ret = RunHook(*type, type->beforeReg);
   if (ret != 0) return ret;
   ret = TolaCompReg(type);
@@ -156,8 +165,9 @@ uint32_t TolaCompInit(const TOLA_COMP_DST_PROC_S* local, uint32_t dstNum, const 
     COMP_LOG(kCompErr, "dstNum[%d] but dstProc is null", dstNum);
     return kFailure;
   }
+  if (local == nullptr) return RefuseNull(__func__);
   CompManagerImpl& manager = CompManagerImpl::GetInstance();
-  if (local == nullptr || manager.InitCompManagerImpl() != 0) return kFailure;
+  if (manager.InitCompManagerImpl() != 0) return kFailure;
   TolaMsgSendToCompRegFun(IsModuleAComponent, TolaSendMsgToComp);
   if (local->procId == 0) {
     COMP_LOG(kCompErr, "invalid procId(%d)", local->procId);
@@ -173,7 +183,7 @@ uint32_t TolaCompInit(const TOLA_COMP_DST_PROC_S* local, uint32_t dstNum, const 
 }
 
 uint32_t TolaCompReg(const TOLA_COMP_TYPE_S* type) {
-  if (type == nullptr) return kFailure;
+  if (type == nullptr) return RefuseNull(__func__);
   RtfCompTypeInfo info{};
   errno_t err = strcpy_s(info.name, sizeof(info.name), type->name);
   if (err != EOK) {
@@ -211,9 +221,13 @@ uint32_t TolaCompKickOff(uint32_t csi) {
 }
 
 uint32_t TolaAddCompSch(const TOLA_COMP_SCH_S* sch) {
-  if (sch == nullptr) return kFailure;
+  if (sch == nullptr) return RefuseNull(__func__);
   RtfContainerAttrib attrib{};
-  if (strcpy_s(attrib.taskName, sizeof(attrib.taskName), sch->taskName) != EOK) return kFailure;
+  const errno_t err = strcpy_s(attrib.taskName, sizeof(attrib.taskName), sch->taskName);
+  if (err != EOK) {
+    COMP_LOG(kCompErr, "strcpy_s name fail, err = %d", err);
+    return kFailure;
+  }
   std::copy(std::begin(sch->settings), std::end(sch->settings), attrib.settings);
   std::copy(std::begin(sch->words), std::end(sch->words), attrib.words);
   if (attrib.settings[0] > kSchPriorityMax) attrib.settings[0] = kSchPriorityInstead;
@@ -240,7 +254,7 @@ void* TolaCompGetPara(uint32_t csi) {
 }
 
 uint32_t TolaAddCompDstProcInfo(const TOLA_COMP_DST_PROC_S* dst) {
-  return dst != nullptr ? CompManagerImpl::GetInstance().AddDestProcId(*dst) : kFailure;
+  return dst != nullptr ? CompManagerImpl::GetInstance().AddDestProcId(*dst) : RefuseNull(__func__);
 }
 
 uint32_t TolaAddCompDstProcInfoWithSecInfo(const TOLA_COMP_DST_PROC_S* dst, const void* secInfo) {
@@ -252,11 +266,11 @@ uint32_t TolaAddCompDstProcInfoWithSecInfo(const TOLA_COMP_DST_PROC_S* dst, cons
 }
 
 uint32_t TolaDelCompDstProcInfo(const TOLA_COMP_PROC_S* dst) {
-  return dst != nullptr ? CompManagerImpl::GetInstance().DelDestProcId(*dst) : kFailure;
+  return dst != nullptr ? CompManagerImpl::GetInstance().DelDestProcId(*dst) : RefuseNull(__func__);
 }
 
 uint32_t TolaCompGetLocalProcInfo(TOLA_COMP_PROC_S* local) {
-  return local != nullptr ? CompManagerImpl::GetInstance().GetLocalProcInfo(*local) : kFailure;
+  return local != nullptr ? CompManagerImpl::GetInstance().GetLocalProcInfo(*local) : RefuseNull(__func__);
 }
 
 uint32_t TolaOsGenProcId(uint32_t ip) {

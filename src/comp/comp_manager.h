@@ -96,8 +96,9 @@ void TolaOsRegComps(const TOLA_COMP_REG_SET_S* set, uint32_t stage);
 
 /// Makes the manager, tells the runtime its own address and those of all components, and becomes the message
 /// manager's component hook. At most 128 local addresses, 32 destinations and 128 addresses of each count.
-/// @retval 1 `dstNum` without `dst`, null `local`, local process id 0, manager not made
-/// @retval other a destination could not be registered (with component HA such a one is skipped)
+/// @retval 1 `dstNum` without `dst`, null `local`, local process id 0, a text without end, manager not made
+/// @retval other this process or one of its components could not be registered, or a destination could not
+/// (with component HA such a one is skipped)
 [[nodiscard]] uint32_t TolaCompInit(const TOLA_COMP_DST_PROC_S* local, uint32_t dstNum,
                                     const TOLA_COMP_DST_PROC_S* dst);
 

@@ -17,7 +17,9 @@ constexpr uint32_t kCreateStages = 3;
 template <auto Lock, auto Unlock>
 class RwGuard {
  public:
-  explicit RwGuard(uint32_t lockId) : lockId_(lockId), held_(Lock(lockId, KEL_WAIT_FOREVER) == 0) {}
+  explicit RwGuard(uint32_t lockId) : lockId_(lockId), held_(Lock(lockId, KEL_WAIT_FOREVER) == 0) {
+    if (!held_) COMP_LOG(kCompErr, "rwlock[%u] fail", lockId_);
+  }
   ~RwGuard() {
     if (held_) (void)Unlock(lockId_);  // fails only for a lock that is gone
   }
@@ -33,7 +35,9 @@ using ReadGuard = RwGuard<KEL_RWLockRLock, KEL_RWLockRUnlock>;
 using WriteGuard = RwGuard<KEL_RWLockWLock, KEL_RWLockWUnlock>;
 
 bool HasEnd(const char (&ip)[kCompIpSize]) {
-  return memchr(ip, '\0', kCompIpSize) != nullptr;
+  if (memchr(ip, '\0', kCompIpSize) != nullptr) return true;
+  COMP_LOG(kCompErr, "proc ip without end");
+  return false;
 }
 
 bool Same(const TOLA_COMP_PROC_S& a, const TOLA_COMP_PROC_S& b) {
@@ -62,9 +66,9 @@ uint32_t CompManagerImpl::InitCompManagerImpl() {
   if (addrLock_ != 0) return kSuccess;
   uint32_t addrLock = 0;
   uint32_t paraLock = 0;
-  if (KEL_RWLockCreate("CompAddr", &addrLock) != 0) return kFailure;
-  if (KEL_RWLockCreate("CompPara", &paraLock) != 0) {
-    (void)KEL_RWLockDelete(addrLock);  // it was made a line above
+  if (KEL_RWLockCreate("CompAddr", &addrLock) != 0 || KEL_RWLockCreate("CompPara", &paraLock) != 0) {
+    COMP_LOG(kCompErr, "rwlock create fail");
+    if (addrLock != 0) (void)KEL_RWLockDelete(addrLock);  // it was made a line above
     return kFailure;
   }
   paraLock_ = paraLock;
@@ -222,10 +226,11 @@ uint32_t CompManagerImpl::CompImport(uint32_t csi, uint32_t typeId) {
 
 uint32_t CompManagerImpl::RmvCompInfo(uint32_t csi) {
   CompAddr addr{};
-  if (GetCompAddr(csi, addr) != 0) return kFailure;
-  const uint32_t ret = EraseItemFromCsiTable(csi);
-  if (ret != 0 || addr.proc.procId == 0) return ret;
-  return DMS_CompAddrTableItemDel(csi);
+  uint32_t ret = GetCompAddr(csi, addr);
+  if (ret == 0) ret = EraseItemFromCsiTable(csi);
+  if (ret == 0 && addr.proc.procId != 0) ret = DMS_CompAddrTableItemDel(csi);
+  if (ret != 0) COMP_LOG(kCompErr, "rmv csi[%u] fail(%#x)", csi, ret);
+  return ret;
 }
 
 uint32_t CompManagerImpl::EraseItemFromCsiTable(uint32_t csi) {
@@ -260,6 +265,7 @@ uint32_t CompManagerImpl::PutItem(uint32_t csi, const CompAddr& item) {
   try {
     csiTable_.insert_or_assign(csi, item);
   } catch (const std::bad_alloc&) {
+    COMP_LOG(kCompErr, "nomem");
     return kFailure;
   }
   return kSuccess;
@@ -271,6 +277,7 @@ uint32_t CompManagerImpl::SaveCompPara(uint32_t csi, void* para) {
   try {
     paras_.insert_or_assign(csi, para);
   } catch (const std::bad_alloc&) {
+    COMP_LOG(kCompErr, "nomem");
     return kFailure;
   }
   return kSuccess;

@@ -26,6 +26,11 @@ void CountOut(const void* msg) {
   }
 }
 
+uint32_t RefuseNull() {
+  COMP_LOG(kCompErr, "null msg");
+  return kCompErrNull;
+}
+
 uint32_t SendToAddress(uint32_t address, uint32_t destination, void* msg) {
   const uint32_t sourceId = TolaCompGetSrcId(msg);  // the send consumes the message
   const uint32_t messageId = TolaCompGetMsgId(msg);
@@ -118,18 +123,21 @@ uint32_t TolaCompGetDstId(const void* msg) {
 }
 
 uint32_t TolaCompMsgSend(uint32_t destination, void* msg) {
-  if (msg == nullptr) return kCompErrNull;
+  if (msg == nullptr) return RefuseNull();
   const uint32_t asked = IsCompHaEnable() ? destination & kHaIdMask : destination;
   if (!CompManagerImpl::GetInstance().IsComponent(asked)) return SendCompMsgToTola(destination, msg);
   return SendToAddress(MakeCompCpi(destination), destination, msg);
 }
 
 uint32_t TolaCompMsgSendToPeer(uint32_t address, void* msg) {
-  return msg != nullptr ? SendToAddress(address, address, msg) : kCompErrNull;
+  return msg != nullptr ? SendToAddress(address, address, msg) : RefuseNull();
 }
 
 uint32_t TOLA_SetCompMaxMsgQueueLen(uint32_t csi, uint32_t length) {
-  if (length == 0 || length > kQueueLengthMax) return kCompErrQueueLength;
+  if (length == 0 || length > kQueueLengthMax) {
+    COMP_LOG(kCompErr, "msglen err, ret = %#x", kCompErrQueueLength);
+    return kCompErrQueueLength;
+  }
   for (uint32_t stream = 0; stream < kStreams; ++stream) {
     const uint32_t ret = RTF_ScmCompStmMaxMsgNumSet(MakeCompCpi(csi), stream, 0, length);
     if (ret != 0) {

@@ -19,7 +19,10 @@ bool CopyData(void* to, const void* from, uint32_t length) {
 }  // namespace
 
 uint32_t TolaSendMsgToComp(uint16_t destination, tagMsgBuf* msg, bool urgent) {
-  if (msg == nullptr) return kCompErrNull;
+  if (msg == nullptr) {
+    COMP_LOG(kCompErr, "null msg");
+    return kCompErrNull;
+  }
   const uint32_t length = GetTolaMsgLen(msg);
   void* compMsg = TolaCompMsgAlloc(msg->source, msg->type, length);
   if (compMsg == nullptr) return kCompErrAlloc;
@@ -36,12 +39,18 @@ uint32_t TolaSendMsgToComp(uint16_t destination, tagMsgBuf* msg, bool urgent) {
 }
 
 tagMsgBuf* TolaMsgAllocByCompMsg(const void* compMsg) {
-  if (compMsg == nullptr) return nullptr;
+  if (compMsg == nullptr) {
+    COMP_LOG(kCompErr, "null msg");
+    return nullptr;
+  }
   const uint32_t length = TolaCompGetMsgLen(compMsg);
-  tagMsgBuf* msg =
-      TOLA_MsgAlloc(static_cast<uint16_t>(TolaCompGetSrcId(compMsg)),
-                    static_cast<uint16_t>(TolaCompGetMsgId(compMsg)), TolaCompMsgGetSeqNo(compMsg), length);
-  if (msg == nullptr) return nullptr;
+  const auto source = static_cast<uint16_t>(TolaCompGetSrcId(compMsg));
+  const auto type = static_cast<uint16_t>(TolaCompGetMsgId(compMsg));
+  tagMsgBuf* msg = TOLA_MsgAlloc(source, type, TolaCompMsgGetSeqNo(compMsg), length);
+  if (msg == nullptr) {
+    COMP_LOG(kCompErr, "MsgAlloc fail srcId:%#x, msgId:%#x, msgLen:%u", source, type, length);
+    return nullptr;
+  }
   msg->destination = static_cast<uint16_t>(TolaCompGetDstId(compMsg));
   if (!CopyData(TolaMsgData(msg), compMsg, length)) {
     TOLA_MsgFree(msg);
@@ -59,6 +68,9 @@ uint32_t SendCompMsgToTola(uint32_t destination, void* compMsg) {
   bool taken = false;
   uint32_t ret = high ? MsgPost(module, msg, true, &taken) : kFailure;
   if (ret != 0) ret = MsgPost(module, msg, false, &taken);
+  if (ret != 0) {
+    COMP_LOG(kCompErr, "0x%x send msg 0x%x to 0x%x fail:0x%x", msg->source, msg->type, destination, ret);
+  }
   if (!taken) TOLA_MsgFree(msg);
   return ret;
 }

@@ -70,6 +70,8 @@ TEST_F(CompMsgTest, AMessageThatNoModuleTakesIsFreedAndItsResultReturned) {
   for (uint16_t i = 0; i < 4; ++i) EXPECT_EQ(Receive()->subType, i);
   EXPECT_EQ(TolaCompMsgSend(kModule, NewCompMsg(1, 1, 1, std::string(0x1000000, 'x'))), 1u)
       << "longer than a platform message can say: cutting it would lose bytes";
+  EXPECT_THAT(log_.Lines(), testing::IsSupersetOf({"0x1 send msg 0x1 to 0x1004 fail:0x4911",
+                                                   "MsgAlloc fail srcId:0x1, msgId:0x1, msgLen:16777216"}));
 }
 
 TEST_F(CompMsgTest, APlatformMessageReachesAComponentAndStaysItsSendersWhenItDoesNot) {
