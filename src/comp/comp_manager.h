@@ -127,7 +127,7 @@ struct TOLA_COMP_SCH_S {
 
 /// Adds a process and its components; Del takes back what Add gave. An instance that lives in this process
 /// stays here.
-/// @retval 1 null, text without end, or no memory @retval other the runtime's
+/// @retval 1 null, text without end, no memory, or before TolaCompInit @retval other the runtime's
 [[nodiscard]] uint32_t TolaAddCompDstProcInfo(const TOLA_COMP_DST_PROC_S* dst);
 /// There are no secured links: with `secInfo` the process is refused with 1, never reached in the clear
 /// instead.

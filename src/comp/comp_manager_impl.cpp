@@ -179,10 +179,13 @@ uint32_t CompManagerImpl::AddProcAddr(const TOLA_COMP_PROC_S& proc) {
 
 uint32_t CompManagerImpl::AddDestProcId(const TOLA_COMP_DST_PROC_S& dst) {
   const TOLA_COMP_PROC_S proc = ProcOf(dst);
+  TOLA_COMP_PROC_S local{};
+  if (GetLocalProcInfo(local) != 0) {
+    COMP_LOG(kCompErr, "add proc[%u] before the local one", proc.procId);
+    return kFailure;
+  }
   uint32_t ret = AddProcAddr(proc);
   if (ret != 0) return ret;
-  TOLA_COMP_PROC_S local{};
-  if (GetLocalProcInfo(local) != 0) return kFailure;
   const uint32_t haState = GetDstDmsHaState(local.ip, proc.ip);
   const uint32_t count = dst.addrNum < kCompAddrMax ? dst.addrNum : kCompAddrMax;
   for (uint32_t i = 0; i < count; ++i) {
@@ -198,14 +201,18 @@ uint32_t CompManagerImpl::AddDestProcId(const TOLA_COMP_DST_PROC_S& dst) {
 
 uint32_t CompManagerImpl::DelDestProcId(const TOLA_COMP_PROC_S& proc) {
   if (!HasEnd(proc.ip)) return kFailure;
-  {
-    const WriteGuard guard(addrLock_);
-    if (!guard || Same(proc, local_)) return kFailure;
-    std::erase_if(csiTable_, [&](const auto& item) { return Same(item.second.proc, proc); });
+  TOLA_COMP_PROC_S local{};
+  const bool own = GetLocalProcInfo(local) == 0 && Same(proc, local);
+  // Takes its components out of the runtime's table as well.
+  const uint32_t ret = own ? kFailure : DMS_CamMeshOtherProcAddrItemDel(proc.ip, proc.procId);
+  if (ret != 0) {
+    COMP_LOG(kCompErr, "del proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
+    return ret;
   }
-  const uint32_t ret = DMS_CamMeshOtherProcAddrItemDel(proc.ip, proc.procId);  // with its components
-  if (ret != 0) COMP_LOG(kCompErr, "del proc[%s, %u] fail(%#x)", proc.ip, proc.procId, ret);
-  return ret;
+  const WriteGuard guard(addrLock_);
+  if (!guard) return kFailure;
+  std::erase_if(csiTable_, [&](const auto& item) { return Same(item.second.proc, proc); });
+  return kSuccess;
 }
 
 uint32_t CompManagerImpl::AddCompId(const TOLA_COMP_ADDR_S& addr, uint32_t haState,
@@ -260,27 +267,27 @@ bool CompManagerImpl::IsLocal(uint32_t csi) const {
 }
 
 uint32_t CompManagerImpl::PutItem(uint32_t csi, const CompAddr& item) {
-  const WriteGuard guard(addrLock_);
-  if (!guard) return kFailure;
   try {
+    const WriteGuard guard(addrLock_);
+    if (!guard) return kFailure;
     csiTable_.insert_or_assign(csi, item);
+    return kSuccess;
   } catch (const std::bad_alloc&) {
     COMP_LOG(kCompErr, "nomem");
     return kFailure;
   }
-  return kSuccess;
 }
 
 uint32_t CompManagerImpl::SaveCompPara(uint32_t csi, void* para) {
-  const WriteGuard guard(paraLock_);
-  if (!guard) return kFailure;
   try {
+    const WriteGuard guard(paraLock_);
+    if (!guard) return kFailure;
     paras_.insert_or_assign(csi, para);
+    return kSuccess;
   } catch (const std::bad_alloc&) {
     COMP_LOG(kCompErr, "nomem");
     return kFailure;
   }
-  return kSuccess;
 }
 
 void* CompManagerImpl::GetCompPara(uint32_t csi) const {

@@ -163,6 +163,10 @@ TEST_F(CompManagerTest, AnAddedProcessMakesItsComponentsKnownAndTakesNoLocalOne)
   ASSERT_EQ(TolaCompGetLocalProcInfo(&own), 0u);
   EXPECT_EQ(TolaDelCompDstProcInfo(&peerAddress), 0u);
   EXPECT_NE(TolaDelCompDstProcInfo(&own), 0u);
+  const TOLA_COMP_PROC_S none{};
+  EXPECT_EQ(CompManagerImpl::GetInstance().CompImport(1503, 1), 0u);
+  EXPECT_EQ(TolaDelCompDstProcInfo(&none), kDmsErrPara);
+  EXPECT_EQ(CompManagerImpl::GetInstance().RmvCompInfo(1503), 0u) << "a refused removal forgot an instance";
   EXPECT_FALSE(IsKnown(1502));
   EXPECT_TRUE(IsKnown(1501));
 }
