@@ -84,6 +84,23 @@ struct Complaint {
   }
 };
 
+bool IsRemoval(const X509_REVOKED* entry) {
+  const base::UniqueC<ASN1_ENUMERATED, ASN1_ENUMERATED_free> reason(
+      static_cast<ASN1_ENUMERATED*>(X509_REVOKED_get_ext_d2i(entry, NID_crl_reason, nullptr, nullptr)));
+  return reason != nullptr && ASN1_ENUMERATED_get(reason.get()) == CRL_REASON_REMOVE_FROM_CRL;
+}
+
+/// Libcrypto looks at one entry of a certificate only, and that may be its release from an earlier hold.
+bool IsRevokedAnywhere(X509_CRL* crl, const X509* cert) {
+  const STACK_OF(X509_REVOKED)* entries = X509_CRL_get_REVOKED(crl);
+  for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
+    const X509_REVOKED* entry = sk_X509_REVOKED_value(entries, i);
+    const ASN1_INTEGER* serial = X509_REVOKED_get0_serialNumber(entry);
+    if (ASN1_INTEGER_cmp(serial, X509_get0_serialNumber(cert)) == 0 && !IsRemoval(entry)) return true;
+  }
+  return false;
+}
+
 bool ExpiredCrlIsEnforced() {
   char value[16] = "";
   return KEL_CfgTextGet("feature.expired_crl", value, sizeof(value)) == kSuccess &&
@@ -168,9 +185,12 @@ uint32_t ChainChecker::CheckRules(STACK_OF(X509) * chain) const {
     X509* cert = sk_X509_value(chain, i);
     if (!IsInTime(cert, time_))
       return Report(kSigvfyErrTime, Complaint("certificate out of its time", cert).text);
-    const X509_CRL* crl = i == anchor ? nullptr : FindCrl(store_.crls, X509_get_issuer_name(cert));
+    X509_CRL* crl = i == anchor ? nullptr : FindCrl(store_.crls, X509_get_issuer_name(cert));
     const uint32_t code = crl == nullptr ? kSuccess : CheckCrlTime(crl);
     if (code != kSuccess) return code;
+    if (crl != nullptr && IsRevokedAnywhere(crl, cert)) {
+      return Report(kSigvfyErrRevoked, Complaint("certificate revoked", cert).text);
+    }
     // An absent extension reads as all bits set.
     const uint32_t wanted = i == 0 ? XKU_CODE_SIGN : XKU_CODE_SIGN | XKU_ANYEKU;
     if (i != anchor && (X509_get_extended_key_usage(cert) & wanted) == 0) {

@@ -20,6 +20,7 @@ constexpr std::string_view kPemBegin = "-----BEGIN";
 using OpenSslText = std::unique_ptr<char, decltype([](char* text) { OPENSSL_free(text); })>;
 using OpenSslBytes = std::unique_ptr<uint8_t, decltype([](uint8_t* bytes) { OPENSSL_free(bytes); })>;
 using NumberPtr = base::UniqueC<ASN1_INTEGER, ASN1_INTEGER_free>;
+using ScopePtr = base::UniqueC<ISSUING_DIST_POINT, ISSUING_DIST_POINT_free>;
 
 bool IsDer(ByteSpan bytes) {
   return !bytes.empty() && bytes.front() == (V_ASN1_SEQUENCE | V_ASN1_CONSTRUCTED);
@@ -85,6 +86,14 @@ bool HasStrongSignature(const X509_CRL* crl) {
   return digest != nullptr && EVP_MD_get_size(digest) * 4 >= kMinSecurityBits;
 }
 
+/// Libcrypto takes a list whose scope is malformed or told twice for one of all certificates.
+bool HasClearScope(const X509_CRL* crl) {
+  int found = -1;
+  const ScopePtr scope(static_cast<ISSUING_DIST_POINT*>(
+      X509_CRL_get_ext_d2i(crl, NID_issuing_distribution_point, &found, nullptr)));
+  return scope != nullptr || found == -1;
+}
+
 uint32_t CheckCrlForm(const X509_CRL* crl) {
   const ASN1_TIME* next = X509_CRL_get0_nextUpdate(crl);
   if (!SecondsOf(X509_CRL_get0_lastUpdate(crl)) || (next != nullptr && !SecondsOf(next))) {
@@ -93,6 +102,7 @@ uint32_t CheckCrlForm(const X509_CRL* crl) {
   if (X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0) {
     return Report(kSigvfyErrDecode, "delta revocation list");
   }
+  if (!HasClearScope(crl)) return Report(kSigvfyErrDecode, "malformed scope of a revocation list");
   return HasStrongSignature(crl) ? kSuccess
                                  : Report(kSigvfyErrCrlSignature, "weak revocation list signature");
 }

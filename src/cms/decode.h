@@ -20,8 +20,8 @@ using ByteSpan = std::span<const uint8_t>;
 [[nodiscard]] uint32_t DecodeCertificates(ByteSpan bytes, std::vector<CertPtr>& certs);
 
 /// One DER list or one or more PEM lists; of several of one issuer the newest stays.
-/// @retval 0 @retval kSigvfyErrDecode also a delta list or a malformed date @retval kSigvfyErrCrlSignature
-/// the signature's algorithm is too weak
+/// @retval 0 @retval kSigvfyErrDecode also a delta list, a malformed date or scope @retval
+/// kSigvfyErrCrlSignature the signature's algorithm is too weak
 [[nodiscard]] uint32_t DecodeCrls(ByteSpan bytes, std::vector<CrlPtr>& crls);
 
 /// A SignedData of a known version, without content of its own and with at least one signer.

@@ -25,17 +25,20 @@ TEST_F(CrlRulesTest, WhatARootIssuedNeedsAUsableListOfIt) {
   Bytes trailing = crl;
   trailing.push_back(0);
   const std::tuple<const char*, Bytes, Verdict> lists[] = {
-      {"others are revoked", MakeCrl(root, {.revoked = {1, 2, 3}}), kAccepted},
+      {"released, others revoked", MakeCrl(root, {.revoked = {1, 2}, .released = {signer.Serial()}}),
+       kAccepted},
       {"without an end", MakeCrl(root, {.nextUpdate = 0}), kAccepted},
       {"PEM", BytesOf(good), kAccepted},
       {"the signer is revoked", MakeCrl(root, {.revoked = {1, signer.Serial()}}), kRevoked},
+      {"released and revoked again",
+       MakeCrl(root, {.revoked = {signer.Serial()}, .released = {signer.Serial()}}), kRevoked},
       {"the root itself is revoked", MakeCrl(root, {.revoked = {root.Serial()}}), kRevoked},
       {"of another", MakeCrl(MakeRoot({.name = "other"})), kUncovered},
       {"of one with the same name", MakeCrl(twin), kForgedCrl},
       {"forged", MakeCrl({root.cert, twin.key}), kForgedCrl},
       {"weak signature", MakeCrl(root, {.digest = "SHA1"}), kUnusableCrl},
       {"a list of changes", MakeCrl(root, {.number = 2, .deltaBase = 1}), kUnusableCrl},
-      {"a certificate", root.Der(), kUnusableCrl},
+      {"for whom nobody can read", MakeCrl(root, {.scope = "critical,DER:0500"}), kUnusableCrl},
       {"a byte behind it", trailing, kUnusableCrl},
       {"the second of a bundle is cut", BytesOf(good + broken), kUnusableCrl},
       {"something else in a bundle", BytesOf(good + root.Pem()), kUnusableCrl},

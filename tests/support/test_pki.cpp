@@ -138,12 +138,16 @@ void AddCrlNumber(X509_CRL* crl, int nid, const std::optional<int64_t>& value, b
   Require(X509_CRL_add1_ext_i2d(crl, nid, number.get(), isCritical ? 1 : 0, 0) == 1, "list number");
 }
 
-void AddRevoked(X509_CRL* crl, uint64_t serial, ASN1_TIME* when) {
+void AddRevoked(X509_CRL* crl, uint64_t serial, ASN1_TIME* when, bool released = false) {
   base::UniqueC<X509_REVOKED, X509_REVOKED_free> revoked(X509_REVOKED_new());
-  Require(X509_REVOKED_set_serialNumber(revoked.get(), IntegerOf(serial).get()) == 1 &&
-              X509_REVOKED_set_revocationDate(revoked.get(), when) == 1 &&
-              X509_CRL_add0_revoked(crl, revoked.get()) == 1,
-          "revoked entry");
+  const base::UniqueC<ASN1_ENUMERATED, ASN1_ENUMERATED_free> reason(ASN1_ENUMERATED_new());
+  Require(
+      X509_REVOKED_set_serialNumber(revoked.get(), IntegerOf(serial).get()) == 1 &&
+          X509_REVOKED_set_revocationDate(revoked.get(), when) == 1 &&
+          ASN1_ENUMERATED_set(reason.get(), CRL_REASON_REMOVE_FROM_CRL) == 1 &&
+          (!released || X509_REVOKED_add1_ext_i2d(revoked.get(), NID_crl_reason, reason.get(), 0, 0) == 1) &&
+          X509_CRL_add0_revoked(crl, revoked.get()) == 1,
+      "revoked entry");
   (void)revoked.release();  // the list's now
 }
 
@@ -193,6 +197,7 @@ Bytes MakeCrl(const Identity& issuer, const CrlSpec& spec) {
               X509_CRL_set1_lastUpdate(crl.get(), from.get()) == 1 &&
               (next == 0 || X509_CRL_set1_nextUpdate(crl.get(), TimeOf(next).get()) == 1),
           "revocation list");
+  for (const uint64_t serial : spec.released) AddRevoked(crl.get(), serial, from.get(), true);
   for (const uint64_t serial : spec.revoked) AddRevoked(crl.get(), serial, from.get());
   AddCrlNumber(crl.get(), NID_crl_number, spec.number, false);
   AddCrlNumber(crl.get(), NID_delta_crl, spec.deltaBase, true);

@@ -65,6 +65,7 @@ struct CrlSpec {
   std::optional<int64_t> nextUpdate = {};  ///< default: 30 days after Now(); 0 leaves it out
   std::optional<int64_t> number = {};      ///< none: no number extension
   std::vector<uint64_t> revoked = {};      ///< serial numbers
+  std::vector<uint64_t> released = {};     ///< from a hold, told in front of `revoked`
   std::string digest = "SHA256";
   std::optional<int64_t> deltaBase = {};  ///< makes it a delta list
   std::string scope = {};                 ///< as in OpenSSL configuration files, the certificates it is for
