@@ -104,7 +104,8 @@ void TolaOsRegComps(const TOLA_COMP_REG_SET_S* set, uint32_t stage);
 
 /// Registers the type with the runtime. @retval 1 a text without end @retval other the runtime's
 [[nodiscard]] uint32_t TolaCompReg(const TOLA_COMP_TYPE_S* type);
-/// Creates and enables instance `csi`, whose type is read from the local addresses. @retval the runtime's
+/// Creates and enables instance `csi`, whose type is read from the local addresses. @retval the runtime's,
+/// also for an instance that is not among them
 [[nodiscard]] uint32_t TolaCompKickOff(uint32_t csi);
 
 /// A scheduling container: a named task and its settings; settings[0] is the priority class.

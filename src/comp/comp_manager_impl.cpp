@@ -103,7 +103,10 @@ uint32_t CompManagerImpl::CompSchInstRegister(const RtfContainerAttrib& attrib) 
 
 uint32_t CompManagerImpl::CreateComp(uint32_t csi, uint32_t cpi, const RtfMsgStreamAttrib* attrib) {
   CompAddr addr{};
-  (void)GetCompAddr(csi, addr);  // the runtime refuses type 0 of an unknown instance
+  if (GetCompAddr(csi, addr) != 0) {
+    COMP_LOG(kCompErr, "csi[%u] has no type", csi);
+    return kRtfErrNoType;
+  }
   const RtfCompInst inst{csi, cpi};
   for (uint32_t stage = 0; stage < kCreateStages; ++stage) {
     const uint32_t ret = RTF_CompInstCreate(stage, addr.typeId, &inst);

@@ -41,6 +41,7 @@ TEST_F(CompManagerTest, AStageStartsItsTypesPlatformFirstWithAtMostFourInstances
   types_[1].instNum = 6;
   for (uint32_t i = 0; i < kCompInstMax; ++i) types_[1].inst[i] = {1001 + i, Note};
   types_[2].stage = 1;
+  types_[2].typeId = 0;
   types_[2].inst[0].paraReg = types_[3].inst[0].paraReg = Note;
   block->platform.typeNum = block->product.typeNum = 2;
   std::copy_n(&types_[0], 2, block->platform.type);
@@ -52,6 +53,7 @@ TEST_F(CompManagerTest, AStageStartsItsTypesPlatformFirstWithAtMostFourInstances
   EXPECT_THAT(log_.Lines(), Contains("Comps kick result 0x1")) << "a failed type stops no other";
   TolaOsRegAllComp(block.get(), 1);
   EXPECT_THAT(g_noted, ElementsAre(1001, 1002, 1003, 1004, 1012, 1010));
+  EXPECT_EQ(TolaCompKickOff(1013), kRtfErrNoType) << "one that nobody made known became of type 0";
   for (const uint32_t csi : {1004, 1010}) {
     ASSERT_EQ(TolaCompMsgSend(csi, NewCompMsg(1001, 5, 6, "x")), 0u);
     EXPECT_EQ(Arrived().Take().destination, csi) << "started but not delivered to";
