@@ -14,8 +14,10 @@ constexpr uint32_t kHaIdMask = 0x0FFFFFFF;  ///< and without the HA flag
 constexpr uint32_t kQueueLengthMax = 65536;
 constexpr uint32_t kStreams = 2;
 
-void* Allocated(void* msg, uint32_t sourceId, uint16_t messageId, uint32_t length) {
-  if (MsgMemStatisticBase* statistic = GetMsgMemStatisticInstance()) statistic->OnAlloc(sourceId, length);
+void* Allocated(void* msg, uint16_t messageId) {
+  if (MsgMemStatisticBase* statistic = GetMsgMemStatisticInstance()) {
+    statistic->OnAlloc(TolaCompGetSrcId(msg), TolaCompGetMsgLen(msg));  // the same id as when it leaves
+  }
   DMS_MsgRecvIidSet(msg, messageId);
   return msg;
 }
@@ -48,14 +50,14 @@ uint32_t SendToAddress(uint32_t address, uint32_t destination, void* msg) {
 
 void* TolaCompMsgAlloc(uint32_t sourceId, uint16_t messageId, uint32_t length) {
   void* msg = DMS_MsgAlloc(sourceId, length);
-  if (msg != nullptr) return Allocated(msg, sourceId, messageId, length);
+  if (msg != nullptr) return Allocated(msg, messageId);
   COMP_LOG(kCompErr, "MsgAlloc fail srcId:%#x, msgId:%#x, msgLen:%u", sourceId, messageId, length);
   return nullptr;
 }
 
 void* TolaCompMsgFlowCtrlAlloc(uint32_t sourceId, uint32_t limit, uint16_t messageId, uint32_t length) {
   void* msg = DMS_MsgFlowCtrlAlloc(sourceId, limit, length);
-  if (msg != nullptr) return Allocated(msg, sourceId, messageId, length);
+  if (msg != nullptr) return Allocated(msg, messageId);
   COMP_LOG(kCompErr, "DMS_MsgFlowCtrlAlloc fail");
   return nullptr;
 }

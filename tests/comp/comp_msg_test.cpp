@@ -106,7 +106,7 @@ TEST_F(CompMsgTest, TheMemoryStatisticSeesMessagesComeAndLeave) {
   ASSERT_EQ(Start(1900), 0u);
   SetMsgMemStatisticInstance(&statistic);
   ASSERT_EQ(TolaCompMsgSend(1900, NewCompMsg(1900, 1, 1, "abc")), 0u);
-  TolaCompMsgFree(NewCompMsg(1900, 1, 1, "ab"));
+  TolaCompMsgFree(NewCompMsg(0x80000000 + 1900, 1, 1, "ab"));
   ASSERT_EQ(TolaCompMsgSend(kModule, NewCompMsg(1900, 1, 1, "a")), 0u);
   SetMsgMemStatisticInstance(nullptr);
   EXPECT_EQ(statistic.seen, "1903 1897 1902 1898 1901 1901 1899 ")
