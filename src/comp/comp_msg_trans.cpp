@@ -67,7 +67,9 @@ uint32_t SendCompMsgToTola(uint32_t destination, void* compMsg) {
   const auto module = static_cast<uint16_t>(destination);
   bool taken = false;
   uint32_t ret = high ? MsgPost(module, msg, true, &taken) : kFailure;
-  if (ret != 0) ret = MsgPost(module, msg, false, &taken);
+  // A module that the high-priority object does not know is no failure of the post, yet nobody has the
+  // message.
+  if (!taken) ret = MsgPost(module, msg, false, &taken);
   if (ret != 0) {
     COMP_LOG(kCompErr, "0x%x send msg 0x%x to 0x%x fail:0x%x", msg->source, msg->type, destination, ret);
   }

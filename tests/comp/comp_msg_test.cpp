@@ -53,9 +53,11 @@ TEST_F(CompMsgTest, AMessageOfHighPriorityFallsBackToTheNormalQueue) {
   };
   send(1, kTolaMsgPrioHigh);  // there is no high-priority queue
   EXPECT_EQ(Receive()->subType, 1);
-  ASSERT_EQ(TOLA_MsgModuleUnregister(kModule), 0u);
   support::HighPri highPri;
   RegHighPriQueueProcObj(&highPri);
+  send(2, kTolaMsgPrioHigh);  // the module came before the object
+  EXPECT_EQ(Receive()->subType, 2);
+  ASSERT_EQ(TOLA_MsgModuleUnregister(kModule), 0u);
   ASSERT_EQ(TOLA_MsgModuleRegister(kModule, kMsgNoTask, 1, 2), 0u);
   send(1, kTolaMsgPrioNormal);
   for (uint16_t seqNo = 2; seqNo <= 4; ++seqNo) send(seqNo, kTolaMsgPrioHigh);
