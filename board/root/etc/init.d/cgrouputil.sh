@@ -53,14 +53,27 @@ open_subtree() {
     fail 3 "the cpu controller cannot be enabled in $base/$GROUP"
 }
 
-# The process and all its descendants, one a line. A name may hold blanks and brackets: fields count from the last ')'.
-with_descendants() {
-  echo "$1"
-  for stat in /proc/[0-9]*/stat; do
-    read -r line <"$stat" 2>/dev/null || continue
-    rest=${line##*) }
-    rest=${rest#* }
-    [ "${rest%% *}" = "$1" ] && (with_descendants "${line%% *}")
+# Moves the process, then its descendants. A child that was forked before its parent moved stays behind: every look
+# moves those, until one finds none. A name may hold blanks and brackets: fields count from the last ')'.
+move_with_descendants() {
+  { echo "$1" >"$group/cgroup.procs"; } 2>/dev/null || fail 4 "process $1 could not be moved to $group"
+  looks=0 found=1
+  while [ $found = 1 ] && [ $looks -lt 50 ]; do
+    looks=$((looks + 1)) found=0
+    members=" $(tr '\n' ' ' <"$group/cgroup.procs")"
+    for stat in /proc/[0-9]*/stat; do
+      { read -r line <"$stat"; } 2>/dev/null || continue
+      each=${line%% *}
+      rest=${line##*) }
+      rest=${rest#* }
+      case $members in
+        *" $each "*) continue ;;
+        *" ${rest%% *} "*) ;;
+        *) continue ;;
+      esac
+      grep -qx "$each" "$group/cgroup.procs" && continue # forked inside since the look began
+      { echo "$each" >"$group/cgroup.procs"; } 2>/dev/null && found=1
+    done
   done
 }
 
@@ -82,10 +95,7 @@ set_limit() {
     { echo -1 >"$group/cpu.cfs_quota_us" && echo $((period * 1000)) >"$group/cpu.cfs_period_us" &&
       echo "$quota" >"$group/cpu.cfs_quota_us"; } 2>/dev/null || fail 4 "the quota $quota of $period ms was refused"
   fi
-  for each in $(with_descendants "$pid"); do
-    { echo "$each" >"$group/cgroup.procs"; } 2>/dev/null || [ "$each" != "$pid" ] ||
-      fail 4 "process $pid could not be moved to $group"
-  done
+  move_with_descendants "$pid"
 }
 
 unset_limit() {
