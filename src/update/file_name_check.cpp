@@ -134,7 +134,7 @@ uint32_t CheckFileNameInCompressedPackage(const char* packagePath) {
     if (kind == PackageKind::kTarGz && HidesCharacters(line)) return kFailure;
     if (const uint32_t result = CheckOneFileName(line, sizeof(line)); result != 0) return result;
   }
-  return 0;
+  return ferror(listing.get()) == 0 ? 0 : kFailure;  // what a signal broke off was not examined
 }
 
 bool TOLA_IsValidFileNameInCompressedPackage(const char* packagePath) {

@@ -50,7 +50,7 @@ uint32_t SumFigures(FILE* listing, uint32_t& sum) {
     if (total > UINT32_MAX) return kFailure;
   }
   sum = static_cast<uint32_t>(total);
-  return total == 0 ? kFailure : 0;
+  return ferror(listing) != 0 || total == 0 ? kFailure : 0;
 }
 
 uint32_t KiB(uint64_t units, uint64_t unitBytes) {
@@ -101,9 +101,10 @@ uint32_t GetZipPackFileSize(const char* packagePath, uint32_t& size) {
   char last[kLineSize] = "";
   while (fgets(last, sizeof(last), listing.get()) != nullptr) {  // the total stands in the last line
   }
+  const bool whole = ferror(listing.get()) == 0;
   listing.reset();
   if (strlen(last) > kFigureMax) return kFailure;
-  const int64_t total = FigureOf(last);
+  const int64_t total = whole ? FigureOf(last) : -1;
   if (total <= 0) {
     RELEASE_ERR("file abnormal");
     return kFailure;
