@@ -103,13 +103,10 @@ uint32_t CompManagerImpl::CompSchInstRegister(const RtfContainerAttrib& attrib) 
 
 uint32_t CompManagerImpl::CreateComp(uint32_t csi, uint32_t cpi, const RtfMsgStreamAttrib* attrib) {
   CompAddr addr{};
-  if (GetCompAddr(csi, addr) != 0) {
-    COMP_LOG(kCompErr, "csi[%u] has no type", csi);
-    return kRtfErrNoType;
-  }
+  const bool known = GetCompAddr(csi, addr) == 0;  // an unknown one is not of a type 0 that there may be
   const RtfCompInst inst{csi, cpi};
   for (uint32_t stage = 0; stage < kCreateStages; ++stage) {
-    const uint32_t ret = RTF_CompInstCreate(stage, addr.typeId, &inst);
+    const uint32_t ret = known ? RTF_CompInstCreate(stage, addr.typeId, &inst) : kRtfErrNoType;
     if (ret != 0) {
       COMP_LOG(kCompErr, "stage[%d],csi[%d],type[%u],fail(%#x)", stage, csi, addr.typeId, ret);
       return ret;
