@@ -58,7 +58,7 @@ void Board::StartDaemon() const {
 
 void Board::StartMain() const {
   EXPECT_EQ(Shell("/app_run/app_bin/board_main </dev/null >/log/board_main.log 2>&1 &").status, 0);
-  EXPECT_TRUE(Comes("test -S /run/board_main.sock")) << Read("/log/board_main.log");
+  EXPECT_TRUE(Comes("update_request --status >/tmp/status 2>&1")) << Read("/log/board_main.log");
 }
 
 void Board::EndMain() const {
