@@ -122,9 +122,6 @@ TEST_F(IpcChannelTest, WhatNobodyReadsDoesNotFillTheQueue) {
   int bad = 0;
   for (int i = 0; i < 200; ++i) bad += queue.Read() == kIpcErrFrame ? 1 : 0;
   EXPECT_EQ(bad, 11);
-  IpcQueueState state = {};
-  EXPECT_EQ(IpcQueueStateGet(id, &state), 0u);
-  EXPECT_EQ(state.messages, 0u);
 }
 
 TEST_F(IpcChannelTest, ObjectsThatOthersMayTouchAreRefusedAndLeftAlone) {
