@@ -170,7 +170,7 @@ TEST_F(UpdatePackTest, TheDevelopmentAuthorityKeepsItsKeysAndNumbers) {
       {"signer alice --pki pki", 1},  // a key would be overwritten
       {"init --out pki", 1},          // and here the root
       {"signer ../x --pki pki", 2},
-      {"crl --pki pki --this-update soon", 2},
+      {"crl --pki pki --this-update 2031-02-30", 2},
       {"init --out x --root-key pki/alice.key --root-cert pki/root.crt", 1},  // a key that is not the root's
   };
   for (const auto& [arguments, status] : wrong)

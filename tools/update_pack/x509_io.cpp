@@ -124,8 +124,9 @@ bool ParseTime(const std::string& text, int64_t now, int64_t& seconds, std::stri
     struct tm parts = {};
     const char* stop = strptime(text.c_str(), form, &parts);
     if (stop == nullptr || *stop != '\0') continue;
+    const int day = parts.tm_mday;
     seconds = timegm(&parts);
-    return true;
+    if (parts.tm_mday == day) return true;  // else a 30th of February
   }
   error = "'" + text + "' is no time: write now, +30d, -1d, 2026-01-31 or 2026-01-31T12:00:00Z";
   return false;
