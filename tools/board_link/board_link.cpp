@@ -134,7 +134,9 @@ base::UniqueFd Listen(const char* path) {
     errno = EADDRINUSE;
     return base::UniqueFd();
   }
-  if (errno == ECONNREFUSED) (void)unlink(path);  // a socket that outlived its process
+  struct stat entry = {};
+  // A socket that outlived its process gives way; a file of any other kind refuses just the same, and stays.
+  if (errno == ECONNREFUSED && lstat(path, &entry) == 0 && S_ISSOCK(entry.st_mode)) (void)unlink(path);
   // The mode of the socket before it is bound becomes the file's: the umask is every thread's.
   if (fchmod(fd.get(), 0600) != 0 ||
       bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
