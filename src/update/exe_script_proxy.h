@@ -15,9 +15,9 @@ namespace TolaCmpMsg {
 class TolaMsgExeUpdateScriptData;
 }
 
-/// Runs one update and returns its result. `compId` is the requesting component; `request` gets `cpuLimit`
-/// and the calling task's id. With `needAuth` the request's signature path is emptied, so that the executor
-/// asks for an authorisation, which is granted here when it arrives.
+/// Runs one update and returns its result. `compId` is the requesting component; `request`, whose texts are
+/// its own and no views, gets `cpuLimit` and the calling task's id. With `needAuth` the request's signature
+/// path is emptied, so that the executor asks for an authorisation, which is granted here when it arrives.
 ///
 /// @retval 0..0xFFFF      the executor's result, see UpdateResultText
 /// @retval 0              also: an authorisation was asked for that `needAuth` did not announce; it is
