@@ -41,7 +41,6 @@ TEST_F(CrlRulesTest, WhatARootIssuedNeedsAUsableListOfIt) {
       {"for whom nobody can read", MakeCrl(root, {.scope = "critical,DER:0500"}), kUnusableCrl},
       {"a byte behind it", trailing, kUnusableCrl},
       {"the second of a bundle is cut", BytesOf(good + broken), kUnusableCrl},
-      {"something else in a bundle", BytesOf(good + root.Pem()), kUnusableCrl},
   };
   for (const auto& [what, list, verdict] : lists) EXPECT_EQ(Check(WithCrl(list)), verdict) << what;
 
