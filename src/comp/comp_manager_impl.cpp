@@ -55,10 +55,8 @@ TOLA_COMP_PROC_S ProcOf(const TOLA_COMP_DST_PROC_S& dst) {
 }  // namespace
 
 CompManagerImpl& CompManagerImpl::GetInstance() {
-  // Never destroyed, since tasks outlive main, and not on the heap, since the first use cannot fail.
-  alignas(CompManagerImpl) static unsigned char room[sizeof(CompManagerImpl)];
-  static CompManagerImpl& instance = *new (room) CompManagerImpl;
-  return instance;
+  static base::NeverDestroyed<CompManagerImpl> instance;
+  return *instance;
 }
 
 uint32_t CompManagerImpl::InitCompManagerImpl() {

@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 
+#include "base/never_destroyed.h"
 #include "comp/comp_manager.h"
 #include "velto/rtf.h"
 
@@ -68,6 +69,7 @@ class CompManagerImpl {
   [[nodiscard]] void* GetCompPara(uint32_t csi) const;
 
  private:
+  friend class base::NeverDestroyed<CompManagerImpl>;
   CompManagerImpl() = default;
   [[nodiscard]] bool IsLocal(uint32_t csi) const;
   [[nodiscard]] uint32_t PutItem(uint32_t csi, const CompAddr& item);

@@ -41,8 +41,8 @@ ArrivedMsg::~ArrivedMsg() {
 }
 
 CIpcManager& CIpcManager::GetInstance() {
-  static CIpcManager& instance = *new CIpcManager;  // never destroyed: its tasks run until the process ends
-  return instance;
+  static base::NeverDestroyed<CIpcManager> instance;
+  return *instance;
 }
 
 uint32_t CIpcManager::Init(const TOLA_APP_REG_INFO_S* info) {

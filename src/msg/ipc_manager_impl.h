@@ -11,6 +11,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "base/never_destroyed.h"
 #include "msg/ipc_class.h"
 #include "msg/ipc_endpoint.h"
 #include "msg/ipc_manager.h"
@@ -49,6 +50,7 @@ class CIpcManager {
   void FlagAppArmRestart() { appArmRestart_.store(true, std::memory_order_relaxed); }
 
  private:
+  friend class base::NeverDestroyed<CIpcManager>;
   CIpcManager() = default;
 
   // Start-up.

@@ -7,6 +7,7 @@
 #include <set>
 #include <shared_mutex>
 
+#include "base/never_destroyed.h"
 #include "velto/dms_internal.h"
 
 namespace velto {
@@ -24,8 +25,8 @@ struct AddrTables {
 };
 
 AddrTables& Tables() {
-  static AddrTables& tables = *new AddrTables;  // never destroyed: tasks outlive main
-  return tables;
+  static base::NeverDestroyed<AddrTables> tables;
+  return *tables;
 }
 
 std::optional<ProcAddr> ParseAddr(const char* ip, uint32_t processId) {

@@ -5,6 +5,7 @@
 #include <new>
 #include <unordered_map>
 
+#include "base/never_destroyed.h"
 #include "velto/dms_internal.h"
 #include "velto/kel_mem.h"
 
@@ -58,8 +59,8 @@ class SenderCounts {
 };
 
 SenderCounts& Counts() {
-  static SenderCounts& counts = *new SenderCounts;  // never destroyed: tasks outlive main
-  return counts;
+  static base::NeverDestroyed<SenderCounts> counts;
+  return *counts;
 }
 
 void* Alloc(uint32_t sendCid, uint32_t limit, uint32_t length) {

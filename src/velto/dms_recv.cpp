@@ -13,6 +13,7 @@
 #include <new>
 #include <vector>
 
+#include "base/never_destroyed.h"
 #include "securec.h"
 #include "velto/dms_socket.h"
 #include "velto/dms_wire.h"
@@ -202,8 +203,8 @@ struct ReceiverState {
 };
 
 ReceiverState& State() {
-  static ReceiverState& state = *new ReceiverState;  // never destroyed: tasks outlive main
-  return state;
+  static base::NeverDestroyed<ReceiverState> state;
+  return *state;
 }
 
 void TaskEntry(uintptr_t receiver, uintptr_t, uintptr_t, uintptr_t) {

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <new>
 
+#include "base/never_destroyed.h"
 #include "securec.h"
 #include "velto/dms_socket.h"
 #include "velto/dms_wire.h"
@@ -102,8 +103,8 @@ struct Links {
 };
 
 Links& AllLinks() {
-  static Links& links = *new Links;  // never destroyed: tasks outlive main
-  return links;
+  static base::NeverDestroyed<Links> links;
+  return *links;
 }
 
 std::shared_ptr<Link> LinkOf(const ProcAddr& peer) {

@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/never_destroyed.h"
 #include "velto/dms_internal.h"
 #include "velto/kel_task.h"
 
@@ -231,8 +232,8 @@ struct Registry {
 };
 
 Registry& Reg() {
-  static Registry& registry = *new Registry;  // never destroyed: tasks outlive main
-  return registry;
+  static base::NeverDestroyed<Registry> registry;
+  return *registry;
 }
 
 std::shared_ptr<Instance> FindByCpi(uint32_t cpi) {
