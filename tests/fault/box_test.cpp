@@ -139,7 +139,7 @@ TEST_F(BoxTest, EveryEndLeavesABlockOfEveryTaskAndHasItsStatus) {
 
 TEST_F(BoxTest, SecondFaultMeanwhileWritesItsBlockAloneAndAsksNobodyAgain) {
 #ifdef TOLA_EMULATED
-  GTEST_SKIP();  // the kernel, which is asked for the tasks' signals, knows the emulator's alone
+  GTEST_SKIP() << "the kernel, which is asked for the tasks' signals, knows the emulator's alone";
 #endif
   EXPECT_THAT(Crash("twice").status, testing::AnyOf(128 + 8, 128 + 11));
   std::map<int, int> bySignal;
@@ -153,7 +153,7 @@ TEST_F(BoxTest, SecondFaultMeanwhileWritesItsBlockAloneAndAsksNobodyAgain) {
 TEST_F(BoxTest, RegistersTellTheFaultAndWhereItWas) {
   ASSERT_EQ(Crash("null").status, 128 + 11);
 #ifdef TOLA_EMULATED
-  GTEST_SKIP();  // the emulator leaves both of them 0
+  GTEST_SKIP() << "the emulator leaves trap number and fault address 0";
 #endif
   EXPECT_THAT(CrashFile(), ContainsRegex("trap_no, Val =  0x0+e;Reg:    err_code"));
   EXPECT_THAT(CrashFile(), ContainsRegex("fault_addr, Val =  0x0+40;\n"));
