@@ -87,7 +87,9 @@ class CIpcManager {
   TOLA_APP_REG_INFO_S info_ = {};
   uint16_t moduleId_ = 0;
   uint32_t pid_ = 0;
-  IpcEndpoint endpoint_;  ///< written before other threads run; what is the main process's stands below
+  /// Written before other threads run, but for the own queue's id: the manager's task alone uses it then, and
+  /// makes the queue again. What is the main process's stands below.
+  IpcEndpoint endpoint_;
   std::atomic<int32_t> mainQueueId_{-1};  ///< may be opened again, as may the next
   std::atomic<int32_t> publicSemapId_{kSemapNone};
   IpcClassTable classes_;

@@ -24,7 +24,8 @@ inline constexpr uint16_t kIpcModuleRemoved = 1;
 /// Any thread, once Init has returned 0.
 class IpcRegistry {
  public:
-  /// Makes the semaphore. `app` is this process, as others reach it; logged when it fails.
+  /// Makes the semaphore. `app` is this process, as others reach it; logged when it fails. Again, by the
+  /// thread that takes acknowledgements: the process has another queue now.
   /// @retval kIpcErrTableSema
   [[nodiscard]] uint32_t Init(const IpcTarget& app);
 
